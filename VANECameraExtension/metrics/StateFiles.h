@@ -1,0 +1,43 @@
+#pragma once
+
+// The state files: one small UTF-8 text file per published value, in the state directory, so that
+// any process able to read the directory sees the extension's counters and status.
+//
+// The directory is the application group's container + "com.flowmere.av.state" when the platform
+// grants the container, else the fixed fallback in the system's temporary directory. It is
+// resolved afresh for every write; nothing is cached.
+//
+// Threading: no lock and no mutable state; any thread. Two writes of the same file may overlap;
+// each replaces the file by rename, so a reader always sees one writer's whole text.
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/Services.h"
+
+namespace flowmere {
+
+class StateFiles {
+ public:
+  // `fileManager` is borrowed for the life of this object (the platform outlives the extension).
+  StateFiles(platform::FileManager& fileManager, std::string applicationGroupIdentifier,
+             std::string stateDirectoryName);
+
+  // The directory to write into: the container's state directory, else the fallback; none when
+  // neither can be created.
+  std::optional<std::filesystem::path> stateDirectoryURL();
+  // Creates the directory (and parents); true when it exists afterwards.
+  bool createStateDirectory(const std::filesystem::path& directory);
+  // Writes `text` as the whole content of the file `name` in the state directory, atomically.
+  // Failures are dropped silently.
+  void writeStateFile(std::string_view text, std::string_view name);
+
+ private:
+  platform::FileManager& fileManager_;
+  const std::string applicationGroupIdentifier_;
+  const std::string stateDirectoryName_;
+};
+
+}  // namespace flowmere

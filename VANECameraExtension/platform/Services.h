@@ -1,0 +1,85 @@
+#pragma once
+
+// The platform services that the extension's logic uses besides the camera-extension objects:
+// clocks, serial queues, the settings suite, the application-group container and files, and the
+// log. Every implementation is safe to call from any thread unless its comment says otherwise.
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/InlineFunction.h"
+#include "platform/MediaTime.h"
+
+namespace flowmere::platform {
+
+// The host clock and the system-uptime clock.
+class Clock {
+ public:
+  virtual ~Clock() = default;
+  // The host clock's current time, at nanosecond timescale.
+  [[nodiscard]] virtual MediaTime hostTime() const = 0;
+  // Seconds the system has been awake since it started; never goes backwards.
+  [[nodiscard]] virtual double systemUptime() const = 0;
+
+  [[nodiscard]] double hostSeconds() const { return hostTime().seconds(); }
+};
+
+using Work = InlineFunction<void(), 64>;
+
+enum class QualityOfService { kUserInteractive, kUserInitiated, kDefault, kUtility, kBackground };
+
+struct QueueAttributes {
+  std::string label;
+  QualityOfService qualityOfService = QualityOfService::kDefault;
+};
+
+// A serial queue: work items run one at a time, in the order of their deadlines (equal deadlines
+// in submission order), never on the submitting caller's stack.
+class SerialQueue {
+ public:
+  virtual ~SerialQueue() = default;
+  [[nodiscard]] virtual const std::string& label() const = 0;
+  // Runs `work` as soon as the queue is free.
+  virtual void async(Work work) = 0;
+  // Runs `work` once the host clock has reached now + delay (a delay of zero or less: at once).
+  virtual void asyncAfter(std::chrono::nanoseconds delay, Work work) = 0;
+};
+
+// A named settings suite shared by the processes of an application group. Writes return at once
+// and are visible to the writer immediately.
+class SettingsSuite {
+ public:
+  virtual ~SettingsSuite() = default;
+  virtual void setInteger(std::string_view key, std::int64_t value) = 0;
+  virtual void setDouble(std::string_view key, double value) = 0;
+  virtual void setObject(std::string_view key, std::string_view value) = 0;
+};
+
+// The application-group container and file operations.
+class FileManager {
+ public:
+  virtual ~FileManager() = default;
+  // The shared container of an application group, or none when the process may not use it.
+  virtual std::optional<std::filesystem::path> containerURLForSecurityApplicationGroupIdentifier(
+      std::string_view groupIdentifier) = 0;
+  // Creates the directory and any missing parents; true when it exists afterwards.
+  virtual bool createDirectory(const std::filesystem::path& directory) = 0;
+  // Replaces the file's whole content with `text` atomically (auxiliary file, then rename), so
+  // that a reader sees either the old or the new content. True on success.
+  virtual bool writeStringAtomically(const std::filesystem::path& file, std::string_view text) = 0;
+  // The system's temporary directory, which the fixed fallback state directory lives in.
+  virtual std::filesystem::path temporaryDirectory() = 0;
+};
+
+// The unified system log, default log object, default level, arguments public.
+class Log {
+ public:
+  virtual ~Log() = default;
+  virtual void write(std::string_view message) = 0;
+};
+
+}  // namespace flowmere::platform

@@ -1,0 +1,59 @@
+#pragma once
+
+// Clang thread-safety annotations, and the two lock types the extension uses, annotated so that
+// `-Wthread-safety` can check which lock guards which field. On other compilers the annotations
+// compile away and the types are plain std::mutex / std::recursive_mutex.
+
+#include <mutex>
+
+#if defined(__clang__)
+#define FLOWMERE_THREAD_ANNOTATION(x) __attribute__((x))
+#else
+#define FLOWMERE_THREAD_ANNOTATION(x)
+#endif
+
+#define CAPABILITY(x) FLOWMERE_THREAD_ANNOTATION(capability(x))
+#define SCOPED_CAPABILITY FLOWMERE_THREAD_ANNOTATION(scoped_lockable)
+#define GUARDED_BY(x) FLOWMERE_THREAD_ANNOTATION(guarded_by(x))
+#define ACQUIRE(...) FLOWMERE_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
+#define RELEASE(...) FLOWMERE_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#define REQUIRES(...) FLOWMERE_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
+#define EXCLUDES(...) FLOWMERE_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
+#define NO_THREAD_SAFETY_ANALYSIS FLOWMERE_THREAD_ANNOTATION(no_thread_safety_analysis)
+
+namespace flowmere::platform {
+
+// A plain, non-recursive lock. Any thread.
+class CAPABILITY("mutex") Mutex {
+ public:
+  void lock() ACQUIRE() { mutex_.lock(); }
+  void unlock() RELEASE() { mutex_.unlock(); }
+
+ private:
+  std::mutex mutex_;
+};
+
+// A lock that its holder may take again. Any thread.
+class CAPABILITY("mutex") RecursiveMutex {
+ public:
+  void lock() ACQUIRE() { mutex_.lock(); }
+  void unlock() RELEASE() { mutex_.unlock(); }
+
+ private:
+  std::recursive_mutex mutex_;
+};
+
+// Holds a lock for the scope it lives in.
+template <typename Lockable>
+class SCOPED_CAPABILITY Locker {
+ public:
+  explicit Locker(Lockable& lockable) ACQUIRE(lockable) : lockable_(lockable) { lockable_.lock(); }
+  ~Locker() RELEASE() { lockable_.unlock(); }
+  Locker(const Locker&) = delete;
+  Locker& operator=(const Locker&) = delete;
+
+ private:
+  Lockable& lockable_;
+};
+
+}  // namespace flowmere::platform
