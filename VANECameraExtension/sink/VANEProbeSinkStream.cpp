@@ -1,1 +1,366 @@
-// placeholder
+#include "sink/VANEProbeSinkStream.h"
+
+#include <cmath>
+
+#include "formats/FormatCatalogue.h"
+
+namespace flowmere {
+
+namespace {
+
+using platform::Locker;
+
+constexpr double kTwoToThe64 = 18446744073709551616.0;
+
+// Seconds to whole nanoseconds, truncated toward zero; 0 where the value does not fit.
+std::uint64_t nanosecondsFromSeconds(double seconds) {
+  const double nanoseconds = seconds * 1000000000.0;
+  if (!(nanoseconds > -1.0 && nanoseconds < kTwoToThe64)) {
+    return 0;
+  }
+  return static_cast<std::uint64_t>(nanoseconds);
+}
+
+}  // namespace
+
+std::shared_ptr<VANEProbeSinkStream> VANEProbeSinkStream::create(
+    std::shared_ptr<platform::Platform> platform, const FlowmereCameraDeviceDescriptor& descriptor,
+    std::shared_ptr<const platform::StreamFormatList> formats,
+    std::shared_ptr<VANEProbeExtensionMetrics> metrics,
+    const std::shared_ptr<VANEProbeSourceStream>& sourceStream,
+    std::shared_ptr<platform::SerialQueue> consumeQueue) {
+  auto self = std::make_shared<VANEProbeSinkStream>(platform, std::move(formats),
+                                                    std::move(metrics), sourceStream,
+                                                    std::move(consumeQueue));
+  self->stream = platform->createStream(
+      descriptor.sinkStreamName, descriptor.sinkStreamID,
+      platform::StreamDirection::CMIOExtensionStreamDirectionSink,
+      platform::StreamClockType::CMIOExtensionStreamClockTypeHostTime, self->weak_from_this());
+  return self;
+}
+
+VANEProbeSinkStream::VANEProbeSinkStream(std::shared_ptr<platform::Platform> platformServices,
+                                         std::shared_ptr<const platform::StreamFormatList> formats,
+                                         std::shared_ptr<VANEProbeExtensionMetrics> recorder,
+                                         std::weak_ptr<VANEProbeSourceStream> source,
+                                         std::shared_ptr<platform::SerialQueue> queue)
+    : platform(std::move(platformServices)),
+      streamFormats(std::move(formats)),
+      metrics(std::move(recorder)),
+      consumeQueue(std::move(queue)),
+      sourceStream(std::move(source)) {}
+
+void VANEProbeSinkStream::log(const std::string& message) {
+  logStreamEvent(platform->log(), message);
+}
+
+std::string VANEProbeSinkStream::clientSummary() const { return makeClientSummary(*stream); }
+
+// --- Properties and lifecycle ----------------------------------------------------------------
+
+std::shared_ptr<const platform::StreamFormatList> VANEProbeSinkStream::formats() const {
+  return streamFormats;
+}
+
+platform::PropertySet VANEProbeSinkStream::availableProperties() const {
+  return {std::string(platform::CMIOExtensionPropertyStreamActiveFormatIndex),
+          std::string(platform::CMIOExtensionPropertyStreamFrameDuration),
+          std::string(platform::CMIOExtensionPropertyStreamSinkBufferQueueSize),
+          std::string(platform::CMIOExtensionPropertyStreamSinkBuffersRequiredForStartup),
+          std::string(platform::CMIOExtensionPropertyStreamSinkBufferUnderrunCount),
+          std::string(platform::CMIOExtensionPropertyStreamSinkEndOfData)};
+}
+
+platform::Result<platform::StreamProperties> VANEProbeSinkStream::streamPropertiesForProperties(
+    const platform::PropertySet& properties) {
+  log("sink streamProperties requested=" + platform::describePropertySet(properties) +
+      " clients=" + clientSummary());
+  platform::StreamProperties result;
+  if (properties.contains(platform::CMIOExtensionPropertyStreamActiveFormatIndex)) {
+    const Locker lock(formatLock);
+    result.setActiveFormatIndex(storedFormatIndex);
+  }
+  if (properties.contains(platform::CMIOExtensionPropertyStreamFrameDuration)) {
+    std::int64_t index = 0;
+    {
+      const Locker lock(formatLock);
+      index = storedFormatIndex;
+    }
+    result.setFrameDuration((*streamFormats)[static_cast<std::size_t>(index)].minFrameDuration);
+  }
+  if (properties.contains(platform::CMIOExtensionPropertyStreamSinkBufferQueueSize)) {
+    result.setSinkBufferQueueSize(kSinkBufferQueueSize);
+  }
+  if (properties.contains(platform::CMIOExtensionPropertyStreamSinkBuffersRequiredForStartup)) {
+    result.setSinkBuffersRequiredForStartup(kSinkBuffersRequiredForStartup);
+  }
+  if (properties.contains(platform::CMIOExtensionPropertyStreamSinkBufferUnderrunCount)) {
+    result.setSinkBufferUnderrunCount(kSinkBufferUnderrunCount);
+  }
+  if (properties.contains(platform::CMIOExtensionPropertyStreamSinkEndOfData)) {
+    result.setSinkEndOfData(kSinkEndOfData);
+  }
+  return result;
+}
+
+platform::Status VANEProbeSinkStream::setStreamProperties(
+    const platform::StreamProperties& properties) {
+  const Locker lock(formatLock);
+  const std::optional<std::int64_t> index = properties.activeFormatIndex();
+  log("sink setStreamProperties activeFormatIndex=" + describeOptional(index) +
+      " clients=" + clientSummary());
+  if (!index) {
+    return platform::Status::success();
+  }
+  if (!isValidFormatIndex(*streamFormats, *index)) {
+    return platform::Error{platform::NSOSStatusErrorDomain,
+                           platform::kCMIOHardwareUnsupportedOperationError, std::nullopt};
+  }
+  if (*index == storedFormatIndex || !isConsuming.load()) {
+    // The source stream learns the index at the next start.
+    storedFormatIndex = *index;
+    return platform::Status::success();
+  }
+  return platform::Error{platform::NSOSStatusErrorDomain,
+                         platform::kCMIOHardwareIllegalOperationError,
+                         "Stop capture before changing camera orientation."};
+}
+
+bool VANEProbeSinkStream::authorizedToStartStreamForClient(
+    const std::shared_ptr<const platform::Client>& newClient) {
+  client.store(newClient);
+  log("sink authorizedToStartStream client=" + (newClient ? newClient->description() : "nil") +
+      " clients=" + clientSummary());
+  return true;
+}
+
+platform::Status VANEProbeSinkStream::startStream() {
+  const Locker lock(formatLock);
+  if (isConsuming.load()) {
+    return platform::Status::success();
+  }
+  if (auto source = sourceStream.lock()) {
+    // formatLock is already held for the whole start, so the index is read as it stands.
+    platform::Status adopted = source->adoptProducerFormatIndex(storedFormatIndex);
+    if (!adopted.ok()) {
+      return adopted;
+    }
+  }
+
+  isConsuming.store(true);
+  timelineAnchorPTS.reset();
+  timelineAnchorHostSeconds.reset();
+  lastProducerPTS.reset();
+  // A new chain: steps of any earlier chain still in flight find their generation stale.
+  const std::uint64_t generation = chainGeneration.fetch_add(1) + 1;
+
+  std::shared_ptr<const platform::Client> selected = client.load();
+  if (!selected) {
+    const auto streaming = stream->streamingClients();
+    if (!streaming.empty()) {
+      selected = streaming.front();
+      client.store(selected);
+    }
+  }
+  log("sink startStream started=true clients=" + clientSummary() +
+      " selectedClient=" + describeOptionalClient(selected));
+
+  if (auto source = sourceStream.lock()) {
+    source->resetTimelineMetadata();
+  }
+  metrics->reset();
+  metrics->setStatus("sink started clients=" + std::to_string(stream->streamingClients().size()) +
+                     " hasClient=" + (selected ? "true" : "false"));
+  dispatchRequest(generation);
+  return platform::Status::success();
+}
+
+platform::Status VANEProbeSinkStream::stopStream() {
+  const Locker lock(formatLock);
+  log("sink stopStream started=false clients=" + clientSummary());
+  isConsuming.store(false);
+  if (auto source = sourceStream.lock()) {
+    source->clearProducerFormatIndex();
+  }
+  metrics->setStatus("sink stopped");
+  client.store(nullptr);
+  return platform::Status::success();
+}
+
+// --- Consume loop ----------------------------------------------------------------------------
+
+bool VANEProbeSinkStream::isCurrentChain(std::uint64_t generation) const {
+  return isConsuming.load() && chainGeneration.load() == generation;
+}
+
+void VANEProbeSinkStream::dispatchRequest(std::uint64_t generation) {
+  consumeQueue->async([weakSelf = weak_from_this(), generation] {
+    if (auto self = weakSelf.lock()) {
+      self->requestNextSampleBuffer(generation);
+    }
+  });
+}
+
+void VANEProbeSinkStream::dispatchRequestAfter(std::chrono::nanoseconds delay,
+                                               std::uint64_t generation) {
+  consumeQueue->asyncAfter(delay, [weakSelf = weak_from_this(), generation] {
+    if (auto self = weakSelf.lock()) {
+      self->requestNextSampleBuffer(generation);
+    }
+  });
+}
+
+void VANEProbeSinkStream::requestNextSampleBuffer(std::uint64_t generation) {
+  if (!isCurrentChain(generation)) {
+    return;
+  }
+  const std::shared_ptr<const platform::Client> producer = client.load();
+  if (!producer) {
+    return;
+  }
+  stream->consumeSampleBufferFromClient(
+      producer, [weakSelf = weak_from_this(), generation](
+                    std::shared_ptr<platform::SampleBuffer> sampleBuffer,
+                    std::uint64_t sequenceNumber, platform::StreamDiscontinuityFlags discontinuity,
+                    bool hasMore, std::optional<platform::Error> error) {
+        if (auto self = weakSelf.lock()) {
+          self->handleConsumeResult(generation, std::move(sampleBuffer), sequenceNumber,
+                                    discontinuity, hasMore, error);
+        }
+      });
+}
+
+void VANEProbeSinkStream::handleConsumeResult(
+    std::uint64_t generation, std::shared_ptr<platform::SampleBuffer> sampleBuffer,
+    std::uint64_t sequenceNumber, platform::StreamDiscontinuityFlags /*discontinuity*/,
+    bool /*hasMore*/, const std::optional<platform::Error>& error) {
+  if (error) {
+    const std::string description = error->localizedDescriptionOrDefault();
+    log("sink consumeSampleBuffer result=error error=" + description +
+        " clients=" + clientSummary());
+    metrics->setStatus("consume error: " + description);
+    // No back-off: a failing platform is asked again at once.
+    if (isCurrentChain(generation)) {
+      dispatchRequest(generation);
+    }
+    return;
+  }
+
+  if (!sampleBuffer) {
+    const std::int64_t polls = emptyPolls.load(std::memory_order_relaxed) + 1;
+    emptyPolls.store(polls, std::memory_order_relaxed);
+    if (polls == 1 || polls % waitingLogInterval == 0) {
+      log("sink waiting polls=" + std::to_string(polls) + " clients=" + clientSummary());
+      metrics->setStatus("sink waiting for buffers polls=" + std::to_string(polls));
+    }
+    if (isCurrentChain(generation)) {
+      dispatchRequestAfter(emptyPollRetryDelay, generation);
+    }
+    return;
+  }
+
+  std::int64_t index = 0;
+  {
+    const Locker lock(formatLock);
+    index = storedFormatIndex;
+  }
+  const platform::VideoDimensions dimensions =
+      (*streamFormats)[static_cast<std::size_t>(index)].formatDescription.dimensions();
+  const std::shared_ptr<platform::PixelBuffer>& pixelBuffer = sampleBuffer->imageBuffer();
+  if (!pixelBuffer || static_cast<std::int64_t>(pixelBuffer->width()) != dimensions.width ||
+      static_cast<std::int64_t>(pixelBuffer->height()) != dimensions.height) {
+    // Dropped silently; the poll count keeps its value. The request checks whether to go on.
+    dispatchRequest(generation);
+    return;
+  }
+
+  emptyPolls.store(0, std::memory_order_relaxed);
+  const std::uint64_t frame = receivedFrames.load(std::memory_order_relaxed) + 1;
+  receivedFrames.store(frame, std::memory_order_relaxed);
+  if (frame == 1 || frame % receivedLogInterval == 0) {
+    log("sink received frame=" + std::to_string(frame) +
+        " sequence=" + std::to_string(sequenceNumber) +
+        " pts=" + shortestDecimal(sampleBuffer->presentationTimeStamp().seconds()) +
+        " clients=" + clientSummary());
+  }
+  // A buffer answered to a chain that a later start replaced is dropped here: pacing it would
+  // disturb the new chain's anchors.
+  if (chainGeneration.load() != generation) {
+    return;
+  }
+  scheduleDelivery(generation, std::move(sampleBuffer), sequenceNumber);
+}
+
+void VANEProbeSinkStream::scheduleDelivery(std::uint64_t generation,
+                                           std::shared_ptr<platform::SampleBuffer> sampleBuffer,
+                                           std::uint64_t sequenceNumber) {
+  const double host = platform->clock().hostSeconds();
+  const double pts = sampleBuffer->presentationTimeStamp().seconds();
+  double target = host;
+
+  // Negative zero is usable; negative values, NaN and infinities are not.
+  if (std::isfinite(pts) && pts >= 0.0) {
+    if (!lastProducerPTS || pts <= *lastProducerPTS || pts - *lastProducerPTS > anchorGapLimit ||
+        !timelineAnchorPTS || !timelineAnchorHostSeconds) {
+      timelineAnchorPTS = pts;
+      timelineAnchorHostSeconds = host;
+    }
+    target = *timelineAnchorHostSeconds + (pts - *timelineAnchorPTS);
+    if (target < host - lateFrameLimit) {
+      timelineAnchorPTS = pts;
+      timelineAnchorHostSeconds = host;
+      target = host;
+    }
+    lastProducerPTS = pts;
+  }
+
+  double delay = target - host;
+  if (!(delay >= 0.0)) {
+    delay = 0.0;
+  }
+  const auto deadline = std::chrono::nanoseconds(static_cast<std::int64_t>(delay * 1e9));
+  consumeQueue->asyncAfter(
+      deadline, [weakSelf = weak_from_this(), generation, buffer = std::move(sampleBuffer),
+                 sequenceNumber] {
+        auto self = weakSelf.lock();
+        if (!self || !self->isCurrentChain(generation)) {
+          return;  // stopped (or restarted) meanwhile: the buffer is dropped undelivered
+        }
+        self->deliverSampleBuffer(buffer, sequenceNumber);
+        self->requestNextSampleBuffer(generation);
+      });
+}
+
+void VANEProbeSinkStream::deliverSampleBuffer(
+    const std::shared_ptr<platform::SampleBuffer>& sampleBuffer, std::uint64_t sequenceNumber) {
+  metrics->recordFrameReceived();
+  if (auto source = sourceStream.lock()) {
+    const std::shared_ptr<const platform::Client> producer = client.load();
+    source->publishTimelineMetadata(sampleBuffer->presentationTimeStamp(),
+                                    producer ? producer->pid() : -1);
+  }
+  if (auto source = sourceStream.lock()) {
+    source->forwardSampleBuffer(sampleBuffer);
+  }
+  const std::uint64_t hostNanoseconds = nanosecondsFromSeconds(platform->clock().hostSeconds());
+  stream->notifyScheduledOutputChanged(platform::ScheduledOutput{sequenceNumber, hostNanoseconds});
+}
+
+VANEProbeSinkStream::Snapshot VANEProbeSinkStream::snapshot() {
+  Snapshot result;
+  {
+    const Locker lock(formatLock);
+    result.storedFormatIndex = storedFormatIndex;
+  }
+  result.isConsuming = isConsuming.load();
+  result.client = client.load();
+  result.emptyPolls = emptyPolls.load(std::memory_order_relaxed);
+  result.receivedFrames = receivedFrames.load(std::memory_order_relaxed);
+  result.timelineAnchorPTS = timelineAnchorPTS;
+  result.timelineAnchorHostSeconds = timelineAnchorHostSeconds;
+  result.lastProducerPTS = lastProducerPTS;
+  result.chainGeneration = chainGeneration.load();
+  return result;
+}
+
+}  // namespace flowmere

@@ -1,1 +1,342 @@
-// placeholder
+#include "source/VANEProbeSourceStream.h"
+
+#include <nlohmann/json.hpp>
+
+#include "formats/FormatCatalogue.h"
+
+namespace flowmere {
+
+namespace {
+
+using platform::Locker;
+
+constexpr double kTimelineThrottleSeconds = 0.09;
+constexpr std::uint64_t kSendLogInterval = 300;
+// 2^64 as a double: the first value that does not fit an unsigned 64-bit integer.
+constexpr double kTwoToThe64 = 18446744073709551616.0;
+
+platform::Error unsupportedFormatError() {
+  return platform::Error{platform::NSOSStatusErrorDomain,
+                         platform::kCMIOHardwareUnsupportedOperationError, std::nullopt};
+}
+
+platform::Error illegalOperationError(const char* message) {
+  return platform::Error{platform::NSOSStatusErrorDomain,
+                         platform::kCMIOHardwareIllegalOperationError, message};
+}
+
+// Seconds to whole nanoseconds, truncated toward zero; 0 where the value does not fit.
+std::uint64_t nanosecondsFromSeconds(double seconds) {
+  const double nanoseconds = seconds * 1000000000.0;
+  if (!(nanoseconds > -1.0 && nanoseconds < kTwoToThe64)) {
+    return 0;
+  }
+  return static_cast<std::uint64_t>(nanoseconds);
+}
+
+}  // namespace
+
+const platform::PropertyName& timelineMetadataProperty() {
+  static const platform::PropertyName name = "4cc_fwtc_glob_0000";
+  return name;
+}
+
+std::shared_ptr<VANEProbeSourceStream> VANEProbeSourceStream::create(
+    std::shared_ptr<platform::Platform> platform, const FlowmereCameraDeviceDescriptor& descriptor,
+    std::shared_ptr<const platform::StreamFormatList> formats,
+    std::shared_ptr<VANEProbeExtensionMetrics> metrics) {
+  auto self = std::make_shared<VANEProbeSourceStream>(platform, std::move(formats),
+                                                      std::move(metrics), descriptor.role);
+  self->stream = platform->createStream(
+      descriptor.sourceStreamName, descriptor.sourceStreamID,
+      platform::StreamDirection::CMIOExtensionStreamDirectionSource,
+      platform::StreamClockType::CMIOExtensionStreamClockTypeHostTime, self->weak_from_this());
+  return self;
+}
+
+VANEProbeSourceStream::VANEProbeSourceStream(
+    std::shared_ptr<platform::Platform> platformServices,
+    std::shared_ptr<const platform::StreamFormatList> formats,
+    std::shared_ptr<VANEProbeExtensionMetrics> recorder, FlowmereCameraRole cameraRole)
+    : platform(std::move(platformServices)),
+      streamFormats(std::move(formats)),
+      metrics(std::move(recorder)),
+      role(cameraRole) {}
+
+void VANEProbeSourceStream::log(const std::string& message) {
+  logStreamEvent(platform->log(), message);
+}
+
+const platform::StreamFormat& VANEProbeSourceStream::formatAt(std::int64_t index) const {
+  return (*streamFormats)[static_cast<std::size_t>(index)];
+}
+
+std::string VANEProbeSourceStream::clientSummary() const { return makeClientSummary(*stream); }
+
+std::int64_t VANEProbeSourceStream::activeFormatIndex() {
+  const Locker lock(formatLock);
+  return storedFormatIndex;
+}
+
+// --- Properties and lifecycle ----------------------------------------------------------------
+
+std::shared_ptr<const platform::StreamFormatList> VANEProbeSourceStream::formats() const {
+  return streamFormats;
+}
+
+platform::PropertySet VANEProbeSourceStream::availableProperties() const {
+  return {std::string(platform::CMIOExtensionPropertyStreamActiveFormatIndex),
+          std::string(platform::CMIOExtensionPropertyStreamFrameDuration),
+          timelineMetadataProperty()};
+}
+
+platform::Result<platform::StreamProperties> VANEProbeSourceStream::streamPropertiesForProperties(
+    const platform::PropertySet& properties) {
+  // Clients poll the timeline property alone; those reads stay out of the log.
+  const bool timelineOnly =
+      properties.size() == 1 && properties.contains(timelineMetadataProperty());
+  if (!timelineOnly) {
+    log("source streamProperties requested=" + platform::describePropertySet(properties) +
+        " clients=" + clientSummary());
+  }
+
+  platform::StreamProperties result;
+  if (properties.contains(platform::CMIOExtensionPropertyStreamActiveFormatIndex)) {
+    result.setActiveFormatIndex(activeFormatIndex());
+  }
+  if (properties.contains(platform::CMIOExtensionPropertyStreamFrameDuration)) {
+    result.setFrameDuration(formatAt(activeFormatIndex()).minFrameDuration);
+  }
+  if (properties.contains(timelineMetadataProperty())) {
+    std::string text;
+    {
+      const Locker lock(stateLock);
+      text = timelineValue;
+    }
+    result.setPropertyState(
+        timelineMetadataProperty(),
+        platform::PropertyState{std::move(text),
+                                platform::PropertyAttributes::readOnlyPropertyAttribute()});
+  }
+  return result;
+}
+
+platform::Status VANEProbeSourceStream::setStreamProperties(
+    const platform::StreamProperties& properties) {
+  const Locker lock(formatLock);
+  const std::optional<std::int64_t> index = properties.activeFormatIndex();
+  log("source setStreamProperties activeFormatIndex=" + describeOptional(index) +
+      " clients=" + clientSummary());
+
+  if (!index) {
+    return platform::Status::success();
+  }
+  if (!isValidFormatIndex(*streamFormats, *index)) {
+    return unsupportedFormatError();
+  }
+  if (producerFormatIndex && *producerFormatIndex != *index) {
+    return illegalOperationError("The producer selected this session's camera format.");
+  }
+  if (*index == storedFormatIndex) {
+    storedFormatIndex = *index;
+    return platform::Status::success();
+  }
+  if (isStarted) {
+    return illegalOperationError("Stop capture before changing camera orientation.");
+  }
+  storedFormatIndex = *index;
+  return platform::Status::success();
+}
+
+platform::Status VANEProbeSourceStream::adoptProducerFormatIndex(std::int64_t index) {
+  const Locker lock(formatLock);
+  if (!isValidFormatIndex(*streamFormats, index)) {
+    return unsupportedFormatError();
+  }
+  if (producerFormatIndex == index && storedFormatIndex == index) {
+    return platform::Status::success();
+  }
+  storedFormatIndex = index;
+  producerFormatIndex = index;
+
+  platform::PropertyStateMap changes;
+  changes.emplace(platform::CMIOExtensionPropertyStreamActiveFormatIndex,
+                  platform::PropertyState{index, std::nullopt});
+  changes.emplace(platform::CMIOExtensionPropertyStreamFrameDuration,
+                  platform::PropertyState{
+                      platform::copyMediaTimeAsDictionary(formatAt(index).minFrameDuration),
+                      std::nullopt});
+  stream->notifyPropertiesChanged(changes);
+  return platform::Status::success();
+}
+
+void VANEProbeSourceStream::clearProducerFormatIndex() {
+  const Locker lock(formatLock);
+  producerFormatIndex.reset();
+}
+
+bool VANEProbeSourceStream::authorizedToStartStreamForClient(
+    const std::shared_ptr<const platform::Client>& client) {
+  log("source authorizedToStartStream client=" + (client ? client->description() : "nil") +
+      " clients=" + clientSummary());
+  return true;
+}
+
+platform::Status VANEProbeSourceStream::startStream() {
+  const Locker lock(formatLock);
+  if (!isStarted) {
+    isStarted = true;
+    log("source startStream started=true clients=" + clientSummary());
+    metrics->setStatus("source started");
+  }
+  return platform::Status::success();
+}
+
+platform::Status VANEProbeSourceStream::stopStream() {
+  const Locker lock(formatLock);
+  log("source stopStream started=false clients=" + clientSummary());
+  isStarted = false;
+  metrics->setStatus("source stopped");
+  return platform::Status::success();
+}
+
+// --- Frame forwarding ------------------------------------------------------------------------
+
+void VANEProbeSourceStream::forwardSampleBuffer(
+    const std::shared_ptr<platform::SampleBuffer>& sampleBuffer) {
+  const platform::VideoDimensions dimensions =
+      formatAt(activeFormatIndex()).formatDescription.dimensions();
+  const std::shared_ptr<platform::PixelBuffer>& pixelBuffer = sampleBuffer->imageBuffer();
+  if (!pixelBuffer) {
+    return;
+  }
+  if (static_cast<std::int64_t>(pixelBuffer->width()) != dimensions.width ||
+      static_cast<std::int64_t>(pixelBuffer->height()) != dimensions.height) {
+    return;
+  }
+  // The attachments go on before the new format description is derived from the buffer, so
+  // that the description carries them.
+  applyColorAttachments(*pixelBuffer);
+  const platform::MediaTime now = platform->clock().hostTime();
+  const platform::MediaTime duration = formatAt(activeFormatIndex()).minFrameDuration;
+  std::shared_ptr<platform::SampleBuffer> outgoing = makeSampleBuffer(pixelBuffer, now, duration);
+  if (!outgoing) {
+    return;
+  }
+  sendToClients(outgoing);
+}
+
+void VANEProbeSourceStream::applyColorAttachments(platform::PixelBuffer& pixelBuffer) {
+  const std::optional<platform::FormatDescriptionExtensions>& extensions =
+      formatAt(activeFormatIndex()).formatDescription.extensions();
+  if (!extensions) {
+    return;
+  }
+  const std::optional<platform::ConstantString> transfer =
+      extensions->find(platform::kCMFormatDescriptionExtension_TransferFunction);
+  if (!transfer) {
+    return;
+  }
+  constexpr auto kPropagate = platform::AttachmentMode::kCVAttachmentMode_ShouldPropagate;
+  // A transfer function without primaries or matrix does not occur in the catalogue; a missing
+  // value is then simply not attached.
+  if (auto primaries = extensions->find(platform::kCMFormatDescriptionExtension_ColorPrimaries)) {
+    pixelBuffer.setAttachment(platform::kCVImageBufferColorPrimariesKey, *primaries, kPropagate);
+  }
+  pixelBuffer.setAttachment(platform::kCVImageBufferTransferFunctionKey, *transfer, kPropagate);
+  if (auto matrix = extensions->find(platform::kCMFormatDescriptionExtension_YCbCrMatrix)) {
+    pixelBuffer.setAttachment(platform::kCVImageBufferYCbCrMatrixKey, *matrix, kPropagate);
+  }
+}
+
+std::shared_ptr<platform::SampleBuffer> VANEProbeSourceStream::makeSampleBuffer(
+    std::shared_ptr<platform::PixelBuffer> pixelBuffer, platform::MediaTime presentationTime,
+    platform::MediaTime duration) {
+  const std::optional<platform::FormatDescription> description =
+      platform::createVideoFormatDescriptionForImageBuffer(*pixelBuffer);
+  if (!description) {
+    return nullptr;
+  }
+  const platform::SampleTimingInfo timing{duration, presentationTime,
+                                          platform::MediaTime::invalid()};
+  return platform::SampleBuffer::createReadyWithImageBuffer(std::move(pixelBuffer), description,
+                                                            timing);
+}
+
+void VANEProbeSourceStream::sendToClients(
+    const std::shared_ptr<platform::SampleBuffer>& sampleBuffer) {
+  const double seconds = sampleBuffer->presentationTimeStamp().seconds();
+  const std::uint64_t hostTime = nanosecondsFromSeconds(seconds);
+  // Only this queue writes the count; it wraps at 2^64.
+  const std::uint64_t count = sentFrameCount.load(std::memory_order_relaxed) + 1;
+  sentFrameCount.store(count, std::memory_order_relaxed);
+  if (count == 1 || count % kSendLogInterval == 0) {
+    log("source send frame=" + std::to_string(count) + " pts=" + shortestDecimal(seconds) +
+        " hostTime=" + std::to_string(hostTime) + " clients=" + clientSummary());
+  }
+  stream->sendSampleBuffer(sampleBuffer, platform::CMIOExtensionStreamDiscontinuityFlagNone,
+                           hostTime);
+}
+
+// --- Timeline property -----------------------------------------------------------------------
+
+void VANEProbeSourceStream::publishTimelineMetadata(platform::MediaTime presentationTime,
+                                                    std::int32_t producerPID) {
+  if (!presentationTime.isNumeric() || presentationTime.timescale < 1) {
+    return;
+  }
+  const double now = platform->clock().systemUptime();
+  std::string text;
+  {
+    const Locker lock(stateLock);
+    // Written so that a NaN difference also counts as "too soon".
+    if (!(now - lastTimelineMetadataTime >= kTimelineThrottleSeconds)) {
+      return;
+    }
+    lastTimelineMetadataTime = now;
+    try {
+      const nlohmann::json object = {
+          {"version", 1},
+          {"value", presentationTime.value},
+          {"scale", presentationTime.timescale},
+          {"hostSeconds", now},
+          {"producerPID", producerPID},
+      };
+      text = object.dump();
+    } catch (const nlohmann::json::exception&) {
+      // The throttle slot stays used; nothing is stored or announced.
+      return;
+    }
+    timelineValue = text;
+  }
+  platform::PropertyStateMap changes;
+  changes.emplace(timelineMetadataProperty(),
+                  platform::PropertyState{std::move(text),
+                                          platform::PropertyAttributes::readOnlyPropertyAttribute()});
+  stream->notifyPropertiesChanged(changes);
+}
+
+void VANEProbeSourceStream::resetTimelineMetadata() {
+  const Locker lock(stateLock);
+  timelineValue = "{}";
+  lastTimelineMetadataTime = 0.0;
+}
+
+VANEProbeSourceStream::Snapshot VANEProbeSourceStream::snapshot() {
+  Snapshot result;
+  {
+    const Locker lock(formatLock);
+    result.storedFormatIndex = storedFormatIndex;
+    result.producerFormatIndex = producerFormatIndex;
+    result.isStarted = isStarted;
+  }
+  {
+    const Locker lock(stateLock);
+    result.timelineValue = timelineValue;
+    result.lastTimelineMetadataTime = lastTimelineMetadataTime;
+  }
+  result.sentFrameCount = sentFrameCount.load(std::memory_order_relaxed);
+  return result;
+}
+
+}  // namespace flowmere

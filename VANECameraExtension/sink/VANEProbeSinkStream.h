@@ -1,0 +1,166 @@
+#pragma once
+
+// VANEProbeSinkStream: the stream into which the producer pushes its frames, and the consume loop
+// that relays them to the source stream.
+//
+// Lifecycle:
+//
+//   | State     | isConsuming | entered by                          | left by            |
+//   |-----------|-------------|-------------------------------------|--------------------|
+//   | Stopped   | false       | construction; stop; a failed start  | a successful start |
+//   | Consuming | true        | a successful start                  | stop               |
+//
+//   A start while Consuming changes nothing; a stop runs all its steps in either state. The
+//   active format changes freely while Stopped; while Consuming only to the value it has.
+//
+// The consume loop is a chain of work items on the serial consume queue, linked by the
+// platform's consume completions: request -> answer -> (retry | paced delivery) -> request.
+// A chain has at most one request or delivery outstanding. Each start begins a new chain with a
+// new generation; every step of an older chain finds its generation stale and ends, so a quick
+// stop/start never leaves two chains running and no buffer of an old chain is delivered.
+//
+// Threading:
+// - Platform calls arrive on any platform thread. `formatLock` (recursive) guards
+//   storedFormatIndex and makes set, start and stop mutually exclusive; start and stop call the
+//   source stream (its formatLock or stateLock) and the metrics recorder while holding it.
+// - isConsuming, client and chainGeneration are written under formatLock (client also by
+//   authorisation) and read by the loop without it; they are atomics so those reads are defined.
+// - The loop's counters and pacing anchors carry no lock: only the current chain touches them,
+//   one step at a time. `handleConsumeResult`/`scheduleDelivery` run on the queue the platform
+//   completes on; requests and deliveries on the consume queue.
+// - Every closure captures the sink weakly and does nothing once it is gone.
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "DeviceIdentity.h"
+#include "metrics/VANEProbeExtensionMetrics.h"
+#include "platform/Platform.h"
+#include "platform/ThreadAnnotations.h"
+#include "source/VANEProbeSourceStream.h"
+
+namespace flowmere {
+
+class VANEProbeSinkStream final : public platform::StreamSource,
+                                  public std::enable_shared_from_this<VANEProbeSinkStream> {
+ public:
+  // Loop constants.
+  static constexpr std::chrono::milliseconds emptyPollRetryDelay{2};
+  static constexpr std::int64_t waitingLogInterval = 500;
+  static constexpr std::uint64_t receivedLogInterval = 300;
+  static constexpr double anchorGapLimit = 0.5;
+  static constexpr double lateFrameLimit = 0.1;
+
+  // Sink properties that never change.
+  static constexpr std::int64_t kSinkBufferQueueSize = 3;
+  static constexpr std::int64_t kSinkBuffersRequiredForStartup = 1;
+  static constexpr std::int64_t kSinkBufferUnderrunCount = 0;
+  static constexpr std::int64_t kSinkEndOfData = 0;
+
+  // Builds the object with its initial field values, then its platform stream (direction sink,
+  // host-time clock), whose source is the new object. Main thread, during start-up.
+  static std::shared_ptr<VANEProbeSinkStream> create(
+      std::shared_ptr<platform::Platform> platform, const FlowmereCameraDeviceDescriptor& descriptor,
+      std::shared_ptr<const platform::StreamFormatList> formats,
+      std::shared_ptr<VANEProbeExtensionMetrics> metrics,
+      const std::shared_ptr<VANEProbeSourceStream>& sourceStream,
+      std::shared_ptr<platform::SerialQueue> consumeQueue);
+
+  // platform::StreamSource; any platform thread.
+  [[nodiscard]] std::shared_ptr<const platform::StreamFormatList> formats() const override;
+  [[nodiscard]] platform::PropertySet availableProperties() const override;
+  platform::Result<platform::StreamProperties> streamPropertiesForProperties(
+      const platform::PropertySet& properties) override EXCLUDES(formatLock);
+  platform::Status setStreamProperties(const platform::StreamProperties& properties) override
+      EXCLUDES(formatLock);
+  bool authorizedToStartStreamForClient(
+      const std::shared_ptr<const platform::Client>& client) override;
+  platform::Status startStream() override EXCLUDES(formatLock);
+  platform::Status stopStream() override EXCLUDES(formatLock);
+
+  // The consume loop. `generation` identifies the chain a step belongs to.
+  // Consume queue.
+  void requestNextSampleBuffer(std::uint64_t generation);
+  // The queue the platform completes on.
+  void handleConsumeResult(std::uint64_t generation,
+                           std::shared_ptr<platform::SampleBuffer> sampleBuffer,
+                           std::uint64_t sequenceNumber,
+                           platform::StreamDiscontinuityFlags discontinuity, bool hasMore,
+                           const std::optional<platform::Error>& error) EXCLUDES(formatLock);
+  void scheduleDelivery(std::uint64_t generation,
+                        std::shared_ptr<platform::SampleBuffer> sampleBuffer,
+                        std::uint64_t sequenceNumber);
+  // Consume queue.
+  void deliverSampleBuffer(const std::shared_ptr<platform::SampleBuffer>& sampleBuffer,
+                           std::uint64_t sequenceNumber);
+
+  // "count=N clients=[...]" of this stream's streaming clients. Any thread.
+  [[nodiscard]] std::string clientSummary() const;
+
+  // A copy of the sink's state for tests, tools and invariant checks. The loop fields are exact
+  // only when read on the consume queue or while the chain is idle.
+  struct Snapshot {
+    std::int64_t storedFormatIndex = 0;
+    bool isConsuming = false;
+    std::shared_ptr<const platform::Client> client;
+    std::int64_t emptyPolls = 0;
+    std::uint64_t receivedFrames = 0;
+    std::optional<double> timelineAnchorPTS;
+    std::optional<double> timelineAnchorHostSeconds;
+    std::optional<double> lastProducerPTS;
+    std::uint64_t chainGeneration = 0;
+  };
+  [[nodiscard]] Snapshot snapshot() EXCLUDES(formatLock);
+
+  [[nodiscard]] const std::shared_ptr<platform::Stream>& platformStream() const { return stream; }
+  [[nodiscard]] const std::shared_ptr<VANEProbeExtensionMetrics>& metricsRecorder() const {
+    return metrics;
+  }
+  [[nodiscard]] const std::shared_ptr<platform::SerialQueue>& queue() const {
+    return consumeQueue;
+  }
+  [[nodiscard]] std::shared_ptr<VANEProbeSourceStream> linkedSourceStream() const {
+    return sourceStream.lock();
+  }
+
+  VANEProbeSinkStream(std::shared_ptr<platform::Platform> platform,
+                      std::shared_ptr<const platform::StreamFormatList> formats,
+                      std::shared_ptr<VANEProbeExtensionMetrics> metrics,
+                      std::weak_ptr<VANEProbeSourceStream> sourceStream,
+                      std::shared_ptr<platform::SerialQueue> consumeQueue);
+
+ private:
+  void log(const std::string& message);
+  [[nodiscard]] bool isCurrentChain(std::uint64_t generation) const;
+  void dispatchRequest(std::uint64_t generation);
+  void dispatchRequestAfter(std::chrono::nanoseconds delay, std::uint64_t generation);
+
+  const std::shared_ptr<platform::Platform> platform;
+  // Set once by create(), before the device is published; never changed.
+  std::shared_ptr<platform::Stream> stream;
+  const std::shared_ptr<const platform::StreamFormatList> streamFormats;
+  const std::shared_ptr<VANEProbeExtensionMetrics> metrics;
+  const std::shared_ptr<platform::SerialQueue> consumeQueue;
+  const std::weak_ptr<VANEProbeSourceStream> sourceStream;
+
+  platform::RecursiveMutex formatLock;
+  std::int64_t storedFormatIndex GUARDED_BY(formatLock) = 0;
+
+  // Written under formatLock (client also by authorisation, without it); read by the loop.
+  std::atomic<std::shared_ptr<const platform::Client>> client;
+  std::atomic<bool> isConsuming{false};
+  std::atomic<std::uint64_t> chainGeneration{0};
+
+  // Loop state: only the current chain touches these, one step at a time. The counters are
+  // relaxed atomics only so that snapshots taken from other threads are well defined.
+  std::atomic<std::int64_t> emptyPolls{0};
+  std::atomic<std::uint64_t> receivedFrames{0};
+  std::optional<double> timelineAnchorPTS;
+  std::optional<double> timelineAnchorHostSeconds;
+  std::optional<double> lastProducerPTS;
+};
+
+}  // namespace flowmere
