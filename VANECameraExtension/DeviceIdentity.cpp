@@ -53,8 +53,12 @@ const std::vector<VANEAudioDestination>& VANEAudioDestination::allCases() {
   return cases;
 }
 
-std::string_view VANEAudioDestination::deviceUID() const { return kLinkedAudioDeviceUID; }
+std::string_view VANEAudioDestination::deviceUID() const {
+  return kLinkedAudioDeviceUID;
+}
 
-std::string_view VANEAudioDestination::displayName() const { return "Flowmere Audio"; }
+std::string_view VANEAudioDestination::displayName() const {
+  return "Flowmere Audio";
+}
 
 }  // namespace flowmere

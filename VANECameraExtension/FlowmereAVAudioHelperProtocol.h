@@ -24,7 +24,8 @@ class FlowmereAVAudioHelperProtocol {
                                std::uint64_t sequenceNumber) = 0;
   virtual void resetAudioWithSlot(std::int64_t slot) = 0;
   virtual void fetchStatsWithSlot(
-      std::int64_t slot, std::function<void(std::uint64_t, std::uint64_t, std::uint64_t)> reply) = 0;
+      std::int64_t slot,
+      std::function<void(std::uint64_t, std::uint64_t, std::uint64_t)> reply) = 0;
   virtual void repairAudioRingPermissions(std::function<void(bool, std::string)> reply) = 0;
   virtual void installAudioPluginFrom(std::string path,
                                       std::function<void(bool, std::string)> reply) = 0;

@@ -76,10 +76,9 @@ std::shared_ptr<VANEProbeExtensionDeviceSource> VANEProbeExtensionDeviceSource::
 
   auto consumeQueue = platform->createSerialQueue(platform::QueueAttributes{
       consumeQueueLabel(identity), platform::QualityOfService::kUserInteractive});
-  self->sinkStream =
-      VANEProbeSinkStream::create(platform, identity, catalogue,
-                                  makeRecorder(*platform, identity, stateFiles),
-                                  self->sourceStream, std::move(consumeQueue));
+  self->sinkStream = VANEProbeSinkStream::create(platform, identity, catalogue,
+                                                 makeRecorder(*platform, identity, stateFiles),
+                                                 self->sourceStream, std::move(consumeQueue));
 
   for (const auto& stream :
        {self->sourceStream->platformStream(), self->sinkStream->platformStream()}) {

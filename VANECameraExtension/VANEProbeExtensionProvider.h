@@ -90,8 +90,8 @@ class VANEProbeExtensionProviderSource final
   [[nodiscard]] const std::shared_ptr<platform::Provider>& platformProvider() const {
     return provider;
   }
-  [[nodiscard]] const std::vector<std::shared_ptr<VANEProbeExtensionDeviceSource>>&
-  devices() const {
+  [[nodiscard]] const std::vector<std::shared_ptr<VANEProbeExtensionDeviceSource>>& devices()
+      const {
     return deviceSources;
   }
 

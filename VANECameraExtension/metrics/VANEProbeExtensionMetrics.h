@@ -55,6 +55,10 @@ class VANEProbeExtensionMetrics {
   [[nodiscard]] Snapshot snapshot() const;
 
  private:
+  void publishInteger(const std::string& key, std::int64_t value);
+  void publishStatus(std::string_view text);
+  [[nodiscard]] const std::string& keyFor(std::string_view name) const;
+
   // Fields keep the names the rest of the system uses for them; `namespace` is a reserved word
   // in C++, hence `namespace_`.
   const std::shared_ptr<platform::SettingsSuite> defaults;
@@ -63,6 +67,11 @@ class VANEProbeExtensionMetrics {
   std::vector<double> recentLatencies;  // oldest first, at most kLatencyWindow after a record
   const std::shared_ptr<StateFiles> stateFiles;
   platform::Log& log;
+  // The four published keys, namespaced once so that a frame does not build them again.
+  const std::string framesReceivedKey;
+  const std::string lastFrameNumberKey;
+  const std::string latencyAverageKey;
+  const std::string extensionStatusKey;
 };
 
 }  // namespace flowmere

@@ -29,9 +29,8 @@ std::shared_ptr<VANEProbeSinkStream> VANEProbeSinkStream::create(
     std::shared_ptr<VANEProbeExtensionMetrics> metrics,
     const std::shared_ptr<VANEProbeSourceStream>& sourceStream,
     std::shared_ptr<platform::SerialQueue> consumeQueue) {
-  auto self = std::make_shared<VANEProbeSinkStream>(platform, std::move(formats),
-                                                    std::move(metrics), sourceStream,
-                                                    std::move(consumeQueue));
+  auto self = std::make_shared<VANEProbeSinkStream>(
+      platform, std::move(formats), std::move(metrics), sourceStream, std::move(consumeQueue));
   self->stream = platform->createStream(
       descriptor.sinkStreamName, descriptor.sinkStreamID,
       platform::StreamDirection::CMIOExtensionStreamDirectionSink,
@@ -54,7 +53,9 @@ void VANEProbeSinkStream::log(const std::string& message) {
   logStreamEvent(platform->log(), message);
 }
 
-std::string VANEProbeSinkStream::clientSummary() const { return makeClientSummary(*stream); }
+std::string VANEProbeSinkStream::clientSummary() const {
+  return makeClientSummary(*stream);
+}
 
 // --- Properties and lifecycle ----------------------------------------------------------------
 
@@ -230,10 +231,12 @@ void VANEProbeSinkStream::requestNextSampleBuffer(std::uint64_t generation) {
       });
 }
 
-void VANEProbeSinkStream::handleConsumeResult(
-    std::uint64_t generation, std::shared_ptr<platform::SampleBuffer> sampleBuffer,
-    std::uint64_t sequenceNumber, platform::StreamDiscontinuityFlags /*discontinuity*/,
-    bool /*hasMore*/, const std::optional<platform::Error>& error) {
+void VANEProbeSinkStream::handleConsumeResult(std::uint64_t generation,
+                                              std::shared_ptr<platform::SampleBuffer> sampleBuffer,
+                                              std::uint64_t sequenceNumber,
+                                              platform::StreamDiscontinuityFlags /*discontinuity*/,
+                                              bool /*hasMore*/,
+                                              const std::optional<platform::Error>& error) {
   if (error) {
     const std::string description = error->localizedDescriptionOrDefault();
     log("sink consumeSampleBuffer result=error error=" + description +
@@ -319,16 +322,15 @@ void VANEProbeSinkStream::scheduleDelivery(std::uint64_t generation,
     delay = 0.0;
   }
   const auto deadline = std::chrono::nanoseconds(static_cast<std::int64_t>(delay * 1e9));
-  consumeQueue->asyncAfter(
-      deadline, [weakSelf = weak_from_this(), generation, buffer = std::move(sampleBuffer),
-                 sequenceNumber] {
-        auto self = weakSelf.lock();
-        if (!self || !self->isCurrentChain(generation)) {
-          return;  // stopped (or restarted) meanwhile: the buffer is dropped undelivered
-        }
-        self->deliverSampleBuffer(buffer, sequenceNumber);
-        self->requestNextSampleBuffer(generation);
-      });
+  consumeQueue->asyncAfter(deadline, [weakSelf = weak_from_this(), generation,
+                                      buffer = std::move(sampleBuffer), sequenceNumber] {
+    auto self = weakSelf.lock();
+    if (!self || !self->isCurrentChain(generation)) {
+      return;  // stopped (or restarted) meanwhile: the buffer is dropped undelivered
+    }
+    self->deliverSampleBuffer(buffer, sequenceNumber);
+    self->requestNextSampleBuffer(generation);
+  });
 }
 
 void VANEProbeSinkStream::deliverSampleBuffer(

@@ -63,7 +63,8 @@ class VANEProbeSinkStream final : public platform::StreamSource,
   // Builds the object with its initial field values, then its platform stream (direction sink,
   // host-time clock), whose source is the new object. Main thread, during start-up.
   static std::shared_ptr<VANEProbeSinkStream> create(
-      std::shared_ptr<platform::Platform> platform, const FlowmereCameraDeviceDescriptor& descriptor,
+      std::shared_ptr<platform::Platform> platform,
+      const FlowmereCameraDeviceDescriptor& descriptor,
       std::shared_ptr<const platform::StreamFormatList> formats,
       std::shared_ptr<VANEProbeExtensionMetrics> metrics,
       const std::shared_ptr<VANEProbeSourceStream>& sourceStream,
@@ -119,9 +120,7 @@ class VANEProbeSinkStream final : public platform::StreamSource,
   [[nodiscard]] const std::shared_ptr<VANEProbeExtensionMetrics>& metricsRecorder() const {
     return metrics;
   }
-  [[nodiscard]] const std::shared_ptr<platform::SerialQueue>& queue() const {
-    return consumeQueue;
-  }
+  [[nodiscard]] const std::shared_ptr<platform::SerialQueue>& queue() const { return consumeQueue; }
   [[nodiscard]] std::shared_ptr<VANEProbeSourceStream> linkedSourceStream() const {
     return sourceStream.lock();
   }

@@ -71,7 +71,9 @@ const platform::StreamFormat& VANEProbeSourceStream::formatAt(std::int64_t index
   return (*streamFormats)[static_cast<std::size_t>(index)];
 }
 
-std::string VANEProbeSourceStream::clientSummary() const { return makeClientSummary(*stream); }
+std::string VANEProbeSourceStream::clientSummary() const {
+  return makeClientSummary(*stream);
+}
 
 std::int64_t VANEProbeSourceStream::activeFormatIndex() {
   const Locker lock(formatLock);
@@ -162,10 +164,10 @@ platform::Status VANEProbeSourceStream::adoptProducerFormatIndex(std::int64_t in
   platform::PropertyStateMap changes;
   changes.emplace(platform::CMIOExtensionPropertyStreamActiveFormatIndex,
                   platform::PropertyState{index, std::nullopt});
-  changes.emplace(platform::CMIOExtensionPropertyStreamFrameDuration,
-                  platform::PropertyState{
-                      platform::copyMediaTimeAsDictionary(formatAt(index).minFrameDuration),
-                      std::nullopt});
+  changes.emplace(
+      platform::CMIOExtensionPropertyStreamFrameDuration,
+      platform::PropertyState{platform::copyMediaTimeAsDictionary(formatAt(index).minFrameDuration),
+                              std::nullopt});
   stream->notifyPropertiesChanged(changes);
   return platform::Status::success();
 }
@@ -311,8 +313,8 @@ void VANEProbeSourceStream::publishTimelineMetadata(platform::MediaTime presenta
   }
   platform::PropertyStateMap changes;
   changes.emplace(timelineMetadataProperty(),
-                  platform::PropertyState{std::move(text),
-                                          platform::PropertyAttributes::readOnlyPropertyAttribute()});
+                  platform::PropertyState{
+                      std::move(text), platform::PropertyAttributes::readOnlyPropertyAttribute()});
   stream->notifyPropertiesChanged(changes);
 }
 

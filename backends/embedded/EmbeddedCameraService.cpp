@@ -1,1 +1,645 @@
-// placeholder
+#include "EmbeddedCameraService.h"
+
+#include <atomic>
+#include <cstdio>
+#include <random>
+
+#include "common/PosixFileManager.h"
+#include "common/SqliteSettingsSuite.h"
+
+namespace flowmere::embedded {
+
+namespace {
+
+template <typename T>
+void appendObserver(std::shared_ptr<const std::vector<T>>& list, T observer) {
+  auto next = list ? std::make_shared<std::vector<T>>(*list) : std::make_shared<std::vector<T>>();
+  next->push_back(std::move(observer));
+  list = std::move(next);
+}
+
+// Keeps values in memory only; for tests and benchmarks that leave the disk out.
+class MemorySettingsSuite final : public platform::SettingsSuite {
+ public:
+  void setInteger(std::string_view /*key*/, std::int64_t /*value*/) override {}
+  void setDouble(std::string_view /*key*/, double /*value*/) override {}
+  void setObject(std::string_view /*key*/, std::string_view /*value*/) override {}
+};
+
+}  // namespace
+
+// The file layer: the POSIX one, with a failure switch for writes and an observer of successful
+// writes. Any thread.
+class EmbeddedFileManager final : public platform::FileManager {
+ public:
+  EmbeddedFileManager(EmbeddedCameraService& service,
+                      std::optional<std::filesystem::path> containerParent,
+                      std::optional<std::filesystem::path> containerDirectory,
+                      std::filesystem::path temporaryDirectory, bool failWrites)
+      : service_(service),
+        posix_(std::move(containerParent), std::move(temporaryDirectory)),
+        containerDirectory_(std::move(containerDirectory)),
+        failWrites_(failWrites) {}
+
+  std::optional<std::filesystem::path> containerURLForSecurityApplicationGroupIdentifier(
+      std::string_view groupIdentifier) override {
+    if (containerDirectory_) {
+      return posix_.createDirectory(*containerDirectory_)
+                 ? std::optional<std::filesystem::path>(*containerDirectory_)
+                 : std::nullopt;
+    }
+    return posix_.containerURLForSecurityApplicationGroupIdentifier(groupIdentifier);
+  }
+  bool createDirectory(const std::filesystem::path& directory) override {
+    return posix_.createDirectory(directory);
+  }
+  bool writeStringAtomically(const std::filesystem::path& file, std::string_view text) override {
+    if (failWrites_.load(std::memory_order_relaxed)) {
+      return false;
+    }
+    if (!posix_.writeStringAtomically(file, text)) {
+      return false;
+    }
+    service_.notifyFileWrite(file, text);
+    return true;
+  }
+  std::filesystem::path temporaryDirectory() override { return posix_.temporaryDirectory(); }
+
+  void setFailWrites(bool fail) { failWrites_.store(fail, std::memory_order_relaxed); }
+
+ private:
+  EmbeddedCameraService& service_;
+  common::PosixFileManager posix_;
+  const std::optional<std::filesystem::path> containerDirectory_;
+  std::atomic<bool> failWrites_;
+};
+
+// Writes the log lines to the owner's sink, or to stderr. Any thread; `mutex_` keeps lines whole.
+class EmbeddedCameraService::ServiceLog final : public platform::Log {
+ public:
+  explicit ServiceLog(std::function<void(std::string_view)> sink) : sink_(std::move(sink)) {}
+  void write(std::string_view message) override {
+    const std::scoped_lock lock(mutex_);
+    if (sink_) {
+      sink_(message);
+    } else {
+      std::fprintf(stderr, "%.*s\n", static_cast<int>(message.size()), message.data());
+    }
+  }
+
+ private:
+  std::mutex mutex_;
+  const std::function<void(std::string_view)> sink_;
+};
+
+// One settings store per suite, shared by every handle the service gives out for it, so that two
+// recorders writing the same key keep last-writer-wins order. Reports each write to the service.
+class EmbeddedCameraService::SharedSettingsStore final : public platform::SettingsSuite {
+ public:
+  SharedSettingsStore(EmbeddedCameraService& service,
+                      std::shared_ptr<platform::SettingsSuite> store)
+      : service_(service), store_(std::move(store)) {}
+
+  void setInteger(std::string_view key, std::int64_t value) override {
+    store_->setInteger(key, value);
+    service_.notifySettingsWrite(key, platform::PropertyValue(value));
+  }
+  void setDouble(std::string_view key, double value) override {
+    store_->setDouble(key, value);
+    service_.notifySettingsWrite(key, platform::PropertyValue(value));
+  }
+  void setObject(std::string_view key, std::string_view value) override {
+    store_->setObject(key, value);
+    service_.notifySettingsWrite(key, platform::PropertyValue(std::string(value)));
+  }
+
+ private:
+  EmbeddedCameraService& service_;
+  const std::shared_ptr<platform::SettingsSuite> store_;
+};
+
+namespace {
+
+// A handle of its own onto a shared store: each opener gets a distinct object.
+class SettingsHandle final : public platform::SettingsSuite {
+ public:
+  explicit SettingsHandle(std::shared_ptr<platform::SettingsSuite> store)
+      : store_(std::move(store)) {}
+  void setInteger(std::string_view key, std::int64_t value) override {
+    store_->setInteger(key, value);
+  }
+  void setDouble(std::string_view key, double value) override { store_->setDouble(key, value); }
+  void setObject(std::string_view key, std::string_view value) override {
+    store_->setObject(key, value);
+  }
+
+ private:
+  const std::shared_ptr<platform::SettingsSuite> store_;
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// EmbeddedStream
+
+EmbeddedStream::EmbeddedStream(EmbeddedCameraService& service, std::string localizedName,
+                               platform::Uuid streamID, platform::StreamDirection direction,
+                               std::weak_ptr<platform::StreamSource> source)
+    : service_(service),
+      localizedName_(std::move(localizedName)),
+      streamID_(streamID),
+      direction_(direction),
+      source_(std::move(source)) {}
+
+std::vector<std::shared_ptr<const platform::Client>> EmbeddedStream::streamingClients() const {
+  const platform::Locker lock(mutex_);
+  return streamingClients_;
+}
+
+void EmbeddedStream::setStreamingClients(
+    std::vector<std::shared_ptr<const platform::Client>> clients) {
+  const platform::Locker lock(mutex_);
+  streamingClients_ = std::move(clients);
+}
+
+void EmbeddedStream::notifyPropertiesChanged(const platform::PropertyStateMap& changes) {
+  service_.notifyProperties(*this, changes);
+}
+
+void EmbeddedStream::consumeSampleBufferFromClient(
+    const std::shared_ptr<const platform::Client>& client, platform::ConsumeCompletion completion) {
+  std::optional<platform::Error> error = service_.takeConsumeFault();
+  std::shared_ptr<platform::SampleBuffer> buffer;
+  std::uint64_t sequenceNumber = 0;
+  bool hasMore = false;
+  if (!error && client) {
+    const platform::Locker lock(mutex_);
+    auto found = producerQueues_.find(client->clientID());
+    if (found != producerQueues_.end() && !found->second.empty()) {
+      buffer = std::move(found->second.front().buffer);
+      sequenceNumber = found->second.front().sequenceNumber;
+      found->second.pop_front();
+      hasMore = !found->second.empty();
+    }
+  }
+  service_.dispatchCompletion([completion = std::move(completion), buffer = std::move(buffer),
+                               sequenceNumber, hasMore, error = std::move(error)]() mutable {
+    completion(std::move(buffer), sequenceNumber,
+               platform::CMIOExtensionStreamDiscontinuityFlagNone, hasMore, std::move(error));
+  });
+}
+
+void EmbeddedStream::notifyScheduledOutputChanged(const platform::ScheduledOutput& output) {
+  service_.notifyScheduledOutput(*this, output);
+}
+
+void EmbeddedStream::sendSampleBuffer(const std::shared_ptr<platform::SampleBuffer>& buffer,
+                                      platform::StreamDiscontinuityFlags discontinuity,
+                                      std::uint64_t hostTimeInNanoseconds) {
+  service_.notifySend(*this, buffer, discontinuity, hostTimeInNanoseconds);
+}
+
+std::shared_ptr<const platform::StreamFormatList> EmbeddedStream::formats() {
+  auto source = source_.lock();
+  return source ? service_.callExtension([&] { return source->formats(); }) : nullptr;
+}
+
+platform::PropertySet EmbeddedStream::availableProperties() {
+  auto source = source_.lock();
+  return source ? service_.callExtension([&] { return source->availableProperties(); })
+                : platform::PropertySet{};
+}
+
+platform::Result<platform::StreamProperties> EmbeddedStream::getProperties(
+    const platform::PropertySet& names) {
+  auto source = source_.lock();
+  if (!source) {
+    return platform::StreamProperties{};
+  }
+  return service_.callExtension([&] { return source->streamPropertiesForProperties(names); });
+}
+
+platform::Status EmbeddedStream::setProperties(const platform::StreamProperties& properties) {
+  auto source = source_.lock();
+  if (!source) {
+    return platform::Status::success();
+  }
+  return service_.callExtension([&] { return source->setStreamProperties(properties); });
+}
+
+bool EmbeddedStream::authorize(const std::shared_ptr<const platform::Client>& client) {
+  auto source = source_.lock();
+  return source &&
+         service_.callExtension([&] { return source->authorizedToStartStreamForClient(client); });
+}
+
+platform::Status EmbeddedStream::start() {
+  auto source = source_.lock();
+  if (!source) {
+    return platform::Status::success();
+  }
+  return service_.callExtension([&] { return source->startStream(); });
+}
+
+platform::Status EmbeddedStream::stop() {
+  auto source = source_.lock();
+  if (!source) {
+    return platform::Status::success();
+  }
+  return service_.callExtension([&] { return source->stopStream(); });
+}
+
+bool EmbeddedStream::push(const std::shared_ptr<const platform::Client>& client,
+                          std::shared_ptr<platform::SampleBuffer> buffer,
+                          std::uint64_t sequenceNumber) {
+  const platform::Locker lock(mutex_);
+  std::deque<Queued>& queue = producerQueues_[client->clientID()];
+  if (queue.size() >= kProducerQueueCapacity) {
+    return false;
+  }
+  queue.push_back(Queued{std::move(buffer), sequenceNumber});
+  return true;
+}
+
+std::size_t EmbeddedStream::queuedBufferCount() const {
+  const platform::Locker lock(mutex_);
+  std::size_t count = 0;
+  for (const auto& [id, queue] : producerQueues_) {
+    count += queue.size();
+  }
+  return count;
+}
+
+// ---------------------------------------------------------------------------------------------
+// EmbeddedDevice
+
+platform::Status EmbeddedDevice::addStream(const std::shared_ptr<platform::Stream>& stream) {
+  if (service_.shouldRefuseStream()) {
+    return platform::Error{platform::NSOSStatusErrorDomain,
+                           platform::kCMIOHardwareIllegalOperationError,
+                           "The camera service refused the stream."};
+  }
+  auto embedded = std::dynamic_pointer_cast<EmbeddedStream>(stream);
+  if (!embedded) {
+    return platform::Error{platform::NSOSStatusErrorDomain,
+                           platform::kCMIOHardwareUnsupportedOperationError, std::nullopt};
+  }
+  const platform::Locker lock(mutex_);
+  streams_.push_back(std::move(embedded));
+  return platform::Status::success();
+}
+
+std::vector<std::shared_ptr<EmbeddedStream>> EmbeddedDevice::streams() const {
+  const platform::Locker lock(mutex_);
+  return streams_;
+}
+
+platform::PropertySet EmbeddedDevice::availableProperties() {
+  auto source = source_.lock();
+  return source ? service_.callExtension([&] { return source->availableProperties(); })
+                : platform::PropertySet{};
+}
+
+platform::Result<platform::DeviceProperties> EmbeddedDevice::getProperties(
+    const platform::PropertySet& names) {
+  auto source = source_.lock();
+  if (!source) {
+    return platform::DeviceProperties{};
+  }
+  return service_.callExtension([&] { return source->devicePropertiesForProperties(names); });
+}
+
+platform::Status EmbeddedDevice::setProperties(const platform::DeviceProperties& properties) {
+  auto source = source_.lock();
+  if (!source) {
+    return platform::Status::success();
+  }
+  return service_.callExtension([&] { return source->setDeviceProperties(properties); });
+}
+
+// ---------------------------------------------------------------------------------------------
+// EmbeddedProvider
+
+platform::Status EmbeddedProvider::addDevice(const std::shared_ptr<platform::Device>& device) {
+  if (service_.refusesDevice()) {
+    return platform::Error{platform::NSOSStatusErrorDomain,
+                           platform::kCMIOHardwareIllegalOperationError,
+                           "The camera service refused the device."};
+  }
+  auto embedded = std::dynamic_pointer_cast<EmbeddedDevice>(device);
+  if (!embedded) {
+    return platform::Error{platform::NSOSStatusErrorDomain,
+                           platform::kCMIOHardwareUnsupportedOperationError, std::nullopt};
+  }
+  const platform::Locker lock(mutex_);
+  devices_.push_back(std::move(embedded));
+  return platform::Status::success();
+}
+
+std::vector<std::shared_ptr<EmbeddedDevice>> EmbeddedProvider::devices() const {
+  const platform::Locker lock(mutex_);
+  return devices_;
+}
+
+platform::Status EmbeddedProvider::connect(const std::shared_ptr<const platform::Client>& client) {
+  auto source = source_.lock();
+  if (!source) {
+    return platform::Status::success();
+  }
+  return service_.callExtension([&] { return source->connectClient(client); });
+}
+
+void EmbeddedProvider::disconnect(const std::shared_ptr<const platform::Client>& client) {
+  if (auto source = source_.lock()) {
+    service_.callExtension([&] { source->disconnectClient(client); });
+  }
+}
+
+platform::PropertySet EmbeddedProvider::availableProperties() {
+  auto source = source_.lock();
+  return source ? service_.callExtension([&] { return source->availableProperties(); })
+                : platform::PropertySet{};
+}
+
+platform::Result<platform::ProviderProperties> EmbeddedProvider::getProperties(
+    const platform::PropertySet& names) {
+  auto source = source_.lock();
+  if (!source) {
+    return platform::ProviderProperties{};
+  }
+  return service_.callExtension([&] { return source->providerPropertiesForProperties(names); });
+}
+
+platform::Status EmbeddedProvider::setProperties(const platform::ProviderProperties& properties) {
+  auto source = source_.lock();
+  if (!source) {
+    return platform::Status::success();
+  }
+  return service_.callExtension([&] { return source->setProviderProperties(properties); });
+}
+
+// ---------------------------------------------------------------------------------------------
+// EmbeddedCameraService
+
+std::shared_ptr<EmbeddedCameraService> EmbeddedCameraService::create(EmbeddedOptions options) {
+  return std::make_shared<EmbeddedCameraService>(std::move(options));
+}
+
+EmbeddedCameraService::EmbeddedCameraService(EmbeddedOptions options)
+    : options_(std::move(options)) {
+  log_ = std::make_unique<ServiceLog>(options_.logSink);
+  fileManager_ = std::make_unique<EmbeddedFileManager>(
+      *this, options_.containerParent, options_.containerDirectory, options_.temporaryDirectory,
+      options_.faults.failFileWrites);
+  if (options_.mode == TimeMode::kVirtual) {
+    executor_ = std::make_unique<ManualExecutor>(options_.virtualStartNanoseconds);
+    clock_ = std::make_unique<VirtualClock>(*executor_);
+    completionQueue_ = std::make_shared<VirtualSerialQueue>("embedded.platform", *executor_);
+  } else {
+    clock_ = std::make_unique<MonotonicClock>();
+    platformQueue_ = std::make_shared<ThreadSerialQueue>("embedded.platform");
+    completionQueue_ = platformQueue_;
+  }
+}
+
+EmbeddedCameraService::~EmbeddedCameraService() = default;
+
+std::shared_ptr<platform::Provider> EmbeddedCameraService::createProvider(
+    std::weak_ptr<platform::ProviderSource> source,
+    std::shared_ptr<platform::SerialQueue> /*clientQueue*/) {
+  return std::make_shared<EmbeddedProvider>(*this, std::move(source));
+}
+
+std::shared_ptr<platform::Device> EmbeddedCameraService::createDevice(
+    std::string localizedName, platform::Uuid deviceID,
+    std::optional<std::string> /*legacyDeviceID*/, std::weak_ptr<platform::DeviceSource> source) {
+  return std::make_shared<EmbeddedDevice>(*this, std::move(localizedName), deviceID,
+                                          std::move(source));
+}
+
+std::shared_ptr<platform::Stream> EmbeddedCameraService::createStream(
+    std::string localizedName, platform::Uuid streamID, platform::StreamDirection direction,
+    platform::StreamClockType /*clockType*/, std::weak_ptr<platform::StreamSource> source) {
+  return std::make_shared<EmbeddedStream>(*this, std::move(localizedName), streamID, direction,
+                                          std::move(source));
+}
+
+void EmbeddedCameraService::startService(const std::shared_ptr<platform::Provider>& provider) {
+  const platform::Locker lock(mutex_);
+  provider_ = std::dynamic_pointer_cast<EmbeddedProvider>(provider);
+}
+
+void EmbeddedCameraService::runMainRunLoop() {
+  if (options_.mode == TimeMode::kVirtual) {
+    return;
+  }
+  std::unique_lock lock(runLoopMutex_);
+  runLoopWake_.wait(lock, [this] { return shutdownRequested_; });
+}
+
+void EmbeddedCameraService::shutdown() {
+  {
+    const std::scoped_lock lock(runLoopMutex_);
+    shutdownRequested_ = true;
+  }
+  runLoopWake_.notify_all();
+}
+
+std::shared_ptr<platform::SerialQueue> EmbeddedCameraService::createSerialQueue(
+    const platform::QueueAttributes& attributes) {
+  if (options_.mode == TimeMode::kVirtual) {
+    return std::make_shared<VirtualSerialQueue>(attributes.label, *executor_);
+  }
+  ThreadQueueOptions queueOptions;
+  if (attributes.qualityOfService == platform::QualityOfService::kUserInteractive) {
+    queueOptions.timerSlackNanoseconds = options_.interactiveTimerSlackNanoseconds;
+  }
+  return std::make_shared<ThreadSerialQueue>(attributes.label, queueOptions);
+}
+
+std::shared_ptr<platform::SettingsSuite> EmbeddedCameraService::openSettingsSuite(
+    std::string_view suiteName) {
+  if (options_.faults.refuseSettingsSuite) {
+    return nullptr;
+  }
+  const std::optional<std::filesystem::path> container =
+      fileManager_->containerURLForSecurityApplicationGroupIdentifier(suiteName);
+  if (!container) {
+    return nullptr;
+  }
+  const std::filesystem::path database = common::SqliteSettingsSuite::defaultDatabaseFile(*container);
+  const platform::Locker lock(mutex_);
+  std::shared_ptr<SharedSettingsStore>& shared = settingsStores_[database];
+  if (!shared) {
+    std::shared_ptr<platform::SettingsSuite> store;
+    if (options_.settings == EmbeddedOptions::Settings::kSqlite) {
+      store = common::SqliteSettingsSuite::open(database);
+    } else {
+      store = std::make_shared<MemorySettingsSuite>();
+    }
+    if (!store) {
+      settingsStores_.erase(database);
+      return nullptr;
+    }
+    shared = std::make_shared<SharedSettingsStore>(*this, std::move(store));
+  }
+  return std::make_shared<SettingsHandle>(shared);
+}
+
+platform::FileManager& EmbeddedCameraService::fileManager() { return *fileManager_; }
+
+std::shared_ptr<EmbeddedProvider> EmbeddedCameraService::publishedProvider() const {
+  const platform::Locker lock(mutex_);
+  return provider_;
+}
+
+std::shared_ptr<EmbeddedStream> EmbeddedCameraService::streamWithDirection(
+    platform::StreamDirection direction) const {
+  const auto provider = publishedProvider();
+  if (!provider) {
+    return nullptr;
+  }
+  for (const auto& device : provider->devices()) {
+    for (const auto& stream : device->streams()) {
+      if (stream->direction() == direction) {
+        return stream;
+      }
+    }
+  }
+  return nullptr;
+}
+
+std::shared_ptr<const platform::Client> EmbeddedCameraService::makeClient(std::int32_t pid,
+                                                                          std::string description) {
+  static std::atomic<std::uint64_t> counter{0};
+  const std::uint64_t number = ++counter;
+  std::array<char, 37> text{};
+  std::snprintf(text.data(), text.size(), "00000000-0000-4000-8000-%012llX",
+                static_cast<unsigned long long>(number));
+  return std::make_shared<const platform::Client>(*platform::Uuid::fromString(text.data()), pid,
+                                                  std::move(description));
+}
+
+void EmbeddedCameraService::failNextConsumeRequests(int count, std::string localizedDescription) {
+  const platform::Locker lock(mutex_);
+  consumeFaultsLeft_ = count;
+  consumeFaultDescription_ = std::move(localizedDescription);
+}
+
+void EmbeddedCameraService::setFailFileWrites(bool fail) { fileManager_->setFailWrites(fail); }
+
+void EmbeddedCameraService::onSend(SendObserver observer) {
+  const platform::Locker lock(mutex_);
+  appendObserver(sendObservers_, std::move(observer));
+}
+void EmbeddedCameraService::onScheduledOutput(ScheduledOutputObserver observer) {
+  const platform::Locker lock(mutex_);
+  appendObserver(scheduledObservers_, std::move(observer));
+}
+void EmbeddedCameraService::onPropertiesChanged(PropertiesObserver observer) {
+  const platform::Locker lock(mutex_);
+  appendObserver(propertiesObservers_, std::move(observer));
+}
+void EmbeddedCameraService::onSettingsWrite(SettingsObserver observer) {
+  const platform::Locker lock(mutex_);
+  appendObserver(settingsObservers_, std::move(observer));
+}
+void EmbeddedCameraService::onFileWrite(FileObserver observer) {
+  const platform::Locker lock(mutex_);
+  appendObserver(fileObservers_, std::move(observer));
+}
+
+void EmbeddedCameraService::dispatchCompletion(platform::Work work) {
+  completionQueue_->async(std::move(work));
+}
+
+bool EmbeddedCameraService::shouldRefuseStream() {
+  const platform::Locker lock(mutex_);
+  const int number = streamsAdded_++;
+  return options_.faults.refuseStreamNumber && *options_.faults.refuseStreamNumber == number;
+}
+
+std::optional<platform::Error> EmbeddedCameraService::takeConsumeFault() {
+  const platform::Locker lock(mutex_);
+  if (consumeFaultsLeft_ <= 0) {
+    return std::nullopt;
+  }
+  --consumeFaultsLeft_;
+  return platform::Error{"EmbeddedCameraServiceErrorDomain", 1, consumeFaultDescription_};
+}
+
+void EmbeddedCameraService::notifySend(const EmbeddedStream& stream,
+                                       const std::shared_ptr<platform::SampleBuffer>& buffer,
+                                       platform::StreamDiscontinuityFlags discontinuity,
+                                       std::uint64_t hostTime) {
+  ObserverList<SendObserver> observers;
+  {
+    const platform::Locker lock(mutex_);
+    observers = sendObservers_;
+  }
+  if (observers) {
+    for (const auto& observer : *observers) {
+      observer(stream, buffer, discontinuity, hostTime);
+    }
+  }
+}
+
+void EmbeddedCameraService::notifyScheduledOutput(const EmbeddedStream& stream,
+                                                  const platform::ScheduledOutput& output) {
+  ObserverList<ScheduledOutputObserver> observers;
+  {
+    const platform::Locker lock(mutex_);
+    observers = scheduledObservers_;
+  }
+  if (observers) {
+    for (const auto& observer : *observers) {
+      observer(stream, output);
+    }
+  }
+}
+
+void EmbeddedCameraService::notifyProperties(const EmbeddedStream& stream,
+                                             const platform::PropertyStateMap& changes) {
+  ObserverList<PropertiesObserver> observers;
+  {
+    const platform::Locker lock(mutex_);
+    observers = propertiesObservers_;
+  }
+  if (observers) {
+    for (const auto& observer : *observers) {
+      observer(stream, changes);
+    }
+  }
+}
+
+void EmbeddedCameraService::notifySettingsWrite(std::string_view key,
+                                                const platform::PropertyValue& value) {
+  ObserverList<SettingsObserver> observers;
+  {
+    const platform::Locker lock(mutex_);
+    observers = settingsObservers_;
+  }
+  if (observers) {
+    for (const auto& observer : *observers) {
+      observer(key, value);
+    }
+  }
+}
+
+void EmbeddedCameraService::notifyFileWrite(const std::filesystem::path& path,
+                                            std::string_view text) {
+  ObserverList<FileObserver> observers;
+  {
+    const platform::Locker lock(mutex_);
+    observers = fileObservers_;
+  }
+  if (observers) {
+    for (const auto& observer : *observers) {
+      observer(path, text);
+    }
+  }
+}
+
+void EmbeddedCameraService::writeLog(std::string_view line) { log_->write(line); }
+
+}  // namespace flowmere::embedded

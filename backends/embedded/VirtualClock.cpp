@@ -1,1 +1,86 @@
-// placeholder
+#include "VirtualClock.h"
+
+#include <time.h>
+
+namespace flowmere::embedded {
+
+std::int64_t ManualExecutor::nowNanoseconds() const {
+  const platform::Locker lock(mutex_);
+  return now_;
+}
+
+void ManualExecutor::schedule(std::int64_t deadlineNanoseconds, platform::Work work) {
+  const platform::Locker lock(mutex_);
+  items_.push(Item{deadlineNanoseconds, nextOrder_++, std::move(work)});
+}
+
+void ManualExecutor::advanceTo(std::int64_t timeNanoseconds) {
+  while (true) {
+    platform::Work work;
+    {
+      const platform::Locker lock(mutex_);
+      if (items_.empty() || items_.top().deadline > timeNanoseconds) {
+        if (timeNanoseconds > now_) {
+          now_ = timeNanoseconds;
+        }
+        return;
+      }
+      const Item& next = items_.top();
+      if (next.deadline > now_) {
+        now_ = next.deadline;
+      }
+      work = std::move(next.work);
+      items_.pop();
+    }
+    work();
+  }
+}
+
+void ManualExecutor::runAllUntil(std::int64_t limitNanoseconds) {
+  while (true) {
+    const std::optional<std::int64_t> next = nextDeadline();
+    if (!next || *next > limitNanoseconds) {
+      advanceTo(limitNanoseconds);
+      return;
+    }
+    advanceTo(*next);
+  }
+}
+
+std::optional<std::int64_t> ManualExecutor::nextDeadline() const {
+  const platform::Locker lock(mutex_);
+  if (items_.empty()) {
+    return std::nullopt;
+  }
+  return items_.top().deadline;
+}
+
+std::size_t ManualExecutor::pendingCount() const {
+  const platform::Locker lock(mutex_);
+  return items_.size();
+}
+
+platform::MediaTime VirtualClock::hostTime() const {
+  return platform::MediaTime::make(executor_.nowNanoseconds(),
+                                   platform::MediaTime::kNanosecondTimescale);
+}
+
+double VirtualClock::systemUptime() const {
+  return static_cast<double>(executor_.nowNanoseconds()) / 1e9;
+}
+
+std::int64_t MonotonicClock::nowNanoseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+}
+
+platform::MediaTime MonotonicClock::hostTime() const {
+  return platform::MediaTime::make(nowNanoseconds(), platform::MediaTime::kNanosecondTimescale);
+}
+
+double MonotonicClock::systemUptime() const {
+  return static_cast<double>(nowNanoseconds()) / 1e9;
+}
+
+}  // namespace flowmere::embedded

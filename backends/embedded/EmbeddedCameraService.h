@@ -1,0 +1,323 @@
+#pragma once
+
+// The embedded camera service: an in-process stand-in for the operating system's camera service,
+// good enough to be the default backend for the tests, the simulator and the demo.
+//
+// It implements the platform layer (providers, devices, streams, queues, clocks, settings suite,
+// files, log) and plays the service's side towards the extension: it keeps each stream's
+// streaming clients, forwards client calls (properties, authorisation, start, stop) to the
+// extension, gives the producer a bounded buffer queue per sink stream and client (three
+// buffers, as the sink reports) from which consume requests are answered at once, and hands what
+// the extension sends (sample buffers, scheduled outputs, property changes) to subscribers.
+//
+// Two modes:
+// - virtual time: a manual executor drives a virtual clock; nothing runs until the owner advances
+//   time, and then everything runs on the owner's thread, deterministically. Client calls run
+//   synchronously on the caller's thread.
+// - real time: CLOCK_MONOTONIC and real threads. Client calls and consume completions run on one
+//   serial platform thread (the caller waits for the call's result), so calls into the extension
+//   never run on the caller's stack or under the caller's locks.
+//
+// Threading: every public operation may be called from any thread unless it says otherwise.
+// `mutex_` guards the registry, the clients, the producer queues, the subscribers and the fault
+// switches; it is never held while calling into the extension or a subscriber.
+
+#include <deque>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "EmbeddedQueues.h"
+#include "VirtualClock.h"
+#include "platform/Platform.h"
+#include "platform/ThreadAnnotations.h"
+
+namespace flowmere::embedded {
+
+class EmbeddedCameraService;
+class EmbeddedFileManager;
+
+enum class TimeMode { kVirtual, kReal };
+
+// Failure switches for tests.
+struct EmbeddedFaults {
+  // Refuse the Nth addStream call (0: the first stream added).
+  std::optional<int> refuseStreamNumber;
+  bool refuseDevice = false;
+  bool refuseSettingsSuite = false;
+  bool failFileWrites = false;
+};
+
+struct EmbeddedOptions {
+  TimeMode mode = TimeMode::kVirtual;
+  // Virtual time at start: host time and system uptime both read this.
+  std::int64_t virtualStartNanoseconds = 100'000'000'000;
+  // Where application-group containers live (each in a directory named after its group); none:
+  // no container is granted.
+  std::optional<std::filesystem::path> containerParent;
+  // The application-group container itself, when it should not be derived from the parent.
+  std::optional<std::filesystem::path> containerDirectory;
+  // Stands in for the system temporary directory.
+  std::filesystem::path temporaryDirectory = "/tmp";
+  // The settings suite: an SQLite store in the container, or an in-memory one.
+  enum class Settings { kSqlite, kMemory } settings = Settings::kSqlite;
+  // Timer slack for the real-time serial queues of user-interactive quality (0: default).
+  std::uint64_t interactiveTimerSlackNanoseconds = 1;
+  EmbeddedFaults faults;
+  // Receives every log line; null: the lines go to stderr.
+  std::function<void(std::string_view)> logSink;
+};
+
+// A platform stream of the embedded service.
+class EmbeddedStream final : public platform::Stream {
+ public:
+  EmbeddedStream(EmbeddedCameraService& service, std::string localizedName, platform::Uuid streamID,
+                 platform::StreamDirection direction, std::weak_ptr<platform::StreamSource> source);
+
+  // platform::Stream
+  [[nodiscard]] const std::string& localizedName() const override { return localizedName_; }
+  [[nodiscard]] const platform::Uuid& streamID() const override { return streamID_; }
+  [[nodiscard]] platform::StreamDirection direction() const override { return direction_; }
+  [[nodiscard]] platform::StreamClockType clockType() const override {
+    return platform::StreamClockType::CMIOExtensionStreamClockTypeHostTime;
+  }
+  [[nodiscard]] std::vector<std::shared_ptr<const platform::Client>> streamingClients()
+      const override;
+  void notifyPropertiesChanged(const platform::PropertyStateMap& changes) override;
+  void consumeSampleBufferFromClient(const std::shared_ptr<const platform::Client>& client,
+                                     platform::ConsumeCompletion completion) override;
+  void notifyScheduledOutputChanged(const platform::ScheduledOutput& output) override;
+  void sendSampleBuffer(const std::shared_ptr<platform::SampleBuffer>& buffer,
+                        platform::StreamDiscontinuityFlags discontinuity,
+                        std::uint64_t hostTimeInNanoseconds) override;
+
+  // The service's side: what camera clients and the producer do.
+  void setStreamingClients(std::vector<std::shared_ptr<const platform::Client>> clients);
+  [[nodiscard]] std::shared_ptr<platform::StreamSource> source() const { return source_.lock(); }
+  [[nodiscard]] std::shared_ptr<const platform::StreamFormatList> formats();
+  [[nodiscard]] platform::PropertySet availableProperties();
+  platform::Result<platform::StreamProperties> getProperties(const platform::PropertySet& names);
+  platform::Status setProperties(const platform::StreamProperties& properties);
+  bool authorize(const std::shared_ptr<const platform::Client>& client);
+  platform::Status start();
+  platform::Status stop();
+  // Puts a producer buffer into this sink stream's queue for `client`; false when the queue
+  // already holds three buffers (the buffer is refused, not lost silently).
+  bool push(const std::shared_ptr<const platform::Client>& client,
+            std::shared_ptr<platform::SampleBuffer> buffer, std::uint64_t sequenceNumber);
+  // Buffers waiting in this stream's queues.
+  [[nodiscard]] std::size_t queuedBufferCount() const;
+
+  static constexpr std::size_t kProducerQueueCapacity = 3;
+
+ private:
+  struct Queued {
+    std::shared_ptr<platform::SampleBuffer> buffer;
+    std::uint64_t sequenceNumber;
+  };
+
+  EmbeddedCameraService& service_;
+  const std::string localizedName_;
+  const platform::Uuid streamID_;
+  const platform::StreamDirection direction_;
+  const std::weak_ptr<platform::StreamSource> source_;
+  mutable platform::Mutex mutex_;
+  std::vector<std::shared_ptr<const platform::Client>> streamingClients_ GUARDED_BY(mutex_);
+  std::map<platform::Uuid, std::deque<Queued>> producerQueues_ GUARDED_BY(mutex_);
+};
+
+class EmbeddedDevice final : public platform::Device {
+ public:
+  EmbeddedDevice(EmbeddedCameraService& service, std::string localizedName, platform::Uuid deviceID,
+                 std::weak_ptr<platform::DeviceSource> source)
+      : service_(service),
+        localizedName_(std::move(localizedName)),
+        deviceID_(deviceID),
+        source_(std::move(source)) {}
+
+  [[nodiscard]] const std::string& localizedName() const override { return localizedName_; }
+  [[nodiscard]] const platform::Uuid& deviceID() const override { return deviceID_; }
+  platform::Status addStream(const std::shared_ptr<platform::Stream>& stream) override;
+
+  [[nodiscard]] std::vector<std::shared_ptr<EmbeddedStream>> streams() const;
+  [[nodiscard]] platform::PropertySet availableProperties();
+  platform::Result<platform::DeviceProperties> getProperties(const platform::PropertySet& names);
+  platform::Status setProperties(const platform::DeviceProperties& properties);
+
+ private:
+  EmbeddedCameraService& service_;
+  const std::string localizedName_;
+  const platform::Uuid deviceID_;
+  const std::weak_ptr<platform::DeviceSource> source_;
+  mutable platform::Mutex mutex_;
+  std::vector<std::shared_ptr<EmbeddedStream>> streams_ GUARDED_BY(mutex_);
+};
+
+class EmbeddedProvider final : public platform::Provider {
+ public:
+  EmbeddedProvider(EmbeddedCameraService& service, std::weak_ptr<platform::ProviderSource> source)
+      : service_(service), source_(std::move(source)) {}
+
+  platform::Status addDevice(const std::shared_ptr<platform::Device>& device) override;
+
+  [[nodiscard]] std::vector<std::shared_ptr<EmbeddedDevice>> devices() const;
+  platform::Status connect(const std::shared_ptr<const platform::Client>& client);
+  void disconnect(const std::shared_ptr<const platform::Client>& client);
+  [[nodiscard]] platform::PropertySet availableProperties();
+  platform::Result<platform::ProviderProperties> getProperties(const platform::PropertySet& names);
+  platform::Status setProperties(const platform::ProviderProperties& properties);
+
+ private:
+  EmbeddedCameraService& service_;
+  const std::weak_ptr<platform::ProviderSource> source_;
+  mutable platform::Mutex mutex_;
+  std::vector<std::shared_ptr<EmbeddedDevice>> devices_ GUARDED_BY(mutex_);
+};
+
+class EmbeddedCameraService final : public platform::Platform,
+                                    public std::enable_shared_from_this<EmbeddedCameraService> {
+ public:
+  static std::shared_ptr<EmbeddedCameraService> create(EmbeddedOptions options);
+  explicit EmbeddedCameraService(EmbeddedOptions options);
+  ~EmbeddedCameraService() override;
+
+  // platform::Platform
+  std::shared_ptr<platform::Provider> createProvider(
+      std::weak_ptr<platform::ProviderSource> source,
+      std::shared_ptr<platform::SerialQueue> clientQueue) override;
+  std::shared_ptr<platform::Device> createDevice(
+      std::string localizedName, platform::Uuid deviceID, std::optional<std::string> legacyDeviceID,
+      std::weak_ptr<platform::DeviceSource> source) override;
+  std::shared_ptr<platform::Stream> createStream(
+      std::string localizedName, platform::Uuid streamID, platform::StreamDirection direction,
+      platform::StreamClockType clockType, std::weak_ptr<platform::StreamSource> source) override;
+  void startService(const std::shared_ptr<platform::Provider>& provider) override;
+  // Virtual time: returns at once (the owner drives time). Real time: blocks until `shutdown`.
+  void runMainRunLoop() override;
+  std::shared_ptr<platform::SerialQueue> createSerialQueue(
+      const platform::QueueAttributes& attributes) override;
+  std::shared_ptr<platform::SettingsSuite> openSettingsSuite(std::string_view suiteName) override;
+  platform::FileManager& fileManager() override;
+  const platform::Clock& clock() override { return *clock_; }
+  platform::Log& log() override { return *log_; }
+
+  // Ends `runMainRunLoop`.
+  void shutdown();
+
+  [[nodiscard]] TimeMode mode() const { return options_.mode; }
+  // Virtual time only (null in real time).
+  [[nodiscard]] ManualExecutor* executor() { return executor_.get(); }
+  // The published provider (after startService), and shortcuts to the one device's streams.
+  [[nodiscard]] std::shared_ptr<EmbeddedProvider> publishedProvider() const;
+  [[nodiscard]] std::shared_ptr<EmbeddedStream> streamWithDirection(
+      platform::StreamDirection direction) const;
+  [[nodiscard]] std::shared_ptr<EmbeddedStream> sinkStream() const {
+    return streamWithDirection(platform::StreamDirection::CMIOExtensionStreamDirectionSink);
+  }
+  [[nodiscard]] std::shared_ptr<EmbeddedStream> sourceStream() const {
+    return streamWithDirection(platform::StreamDirection::CMIOExtensionStreamDirectionSource);
+  }
+
+  // A client with a fresh identifier.
+  std::shared_ptr<const platform::Client> makeClient(std::int32_t pid, std::string description);
+
+  // Fault switches that may change while running.
+  void failNextConsumeRequests(int count, std::string localizedDescription);
+  void setFailFileWrites(bool fail);
+
+  // Subscribers. They are called on the thread that sends (the consume queue for frames and
+  // scheduled outputs), so they must be quick and must not call back into the extension.
+  using SendObserver =
+      std::function<void(const EmbeddedStream&, const std::shared_ptr<platform::SampleBuffer>&,
+                         platform::StreamDiscontinuityFlags, std::uint64_t)>;
+  using ScheduledOutputObserver =
+      std::function<void(const EmbeddedStream&, const platform::ScheduledOutput&)>;
+  using PropertiesObserver =
+      std::function<void(const EmbeddedStream&, const platform::PropertyStateMap&)>;
+  // Settings writes (key, value) and successful state-file writes (path, text).
+  using SettingsObserver = std::function<void(std::string_view, const platform::PropertyValue&)>;
+  using FileObserver = std::function<void(const std::filesystem::path&, std::string_view)>;
+  void onSend(SendObserver observer);
+  void onScheduledOutput(ScheduledOutputObserver observer);
+  void onPropertiesChanged(PropertiesObserver observer);
+  void onSettingsWrite(SettingsObserver observer);
+  void onFileWrite(FileObserver observer);
+
+  // Runs `call` the way the service calls into the extension: at once on the caller's thread in
+  // virtual time; on the platform thread in real time, waiting for its result.
+  template <typename F>
+  auto callExtension(F&& call) -> decltype(call());
+
+  // Internal: used by the embedded objects.
+  void dispatchCompletion(platform::Work work);
+  bool shouldRefuseStream();
+  [[nodiscard]] bool refusesDevice() const { return options_.faults.refuseDevice; }
+  std::optional<platform::Error> takeConsumeFault();
+  void notifySend(const EmbeddedStream& stream,
+                  const std::shared_ptr<platform::SampleBuffer>& buffer,
+                  platform::StreamDiscontinuityFlags discontinuity, std::uint64_t hostTime);
+  void notifyScheduledOutput(const EmbeddedStream& stream, const platform::ScheduledOutput& output);
+  void notifyProperties(const EmbeddedStream& stream, const platform::PropertyStateMap& changes);
+  void notifySettingsWrite(std::string_view key, const platform::PropertyValue& value);
+  void notifyFileWrite(const std::filesystem::path& path, std::string_view text);
+  void writeLog(std::string_view line);
+
+ private:
+  class ServiceLog;
+  class SharedSettingsStore;
+
+  const EmbeddedOptions options_;
+  std::unique_ptr<ManualExecutor> executor_;
+  std::unique_ptr<platform::Clock> clock_;
+  std::unique_ptr<platform::Log> log_;
+  std::unique_ptr<EmbeddedFileManager> fileManager_;
+  // Real time only: runs client calls and consume completions.
+  std::shared_ptr<ThreadSerialQueue> platformQueue_;
+  std::shared_ptr<platform::SerialQueue> completionQueue_;
+
+  mutable platform::Mutex mutex_;
+  std::shared_ptr<EmbeddedProvider> provider_ GUARDED_BY(mutex_);
+  int streamsAdded_ GUARDED_BY(mutex_) = 0;
+  int consumeFaultsLeft_ GUARDED_BY(mutex_) = 0;
+  std::string consumeFaultDescription_ GUARDED_BY(mutex_);
+  // Observer lists are replaced, never changed in place, so a notification copies one pointer
+  // under the lock and calls the observers outside it without allocating.
+  template <typename T>
+  using ObserverList = std::shared_ptr<const std::vector<T>>;
+  ObserverList<SendObserver> sendObservers_ GUARDED_BY(mutex_);
+  ObserverList<ScheduledOutputObserver> scheduledObservers_ GUARDED_BY(mutex_);
+  ObserverList<PropertiesObserver> propertiesObservers_ GUARDED_BY(mutex_);
+  ObserverList<SettingsObserver> settingsObservers_ GUARDED_BY(mutex_);
+  ObserverList<FileObserver> fileObservers_ GUARDED_BY(mutex_);
+  std::map<std::filesystem::path, std::shared_ptr<SharedSettingsStore>> settingsStores_
+      GUARDED_BY(mutex_);
+  std::mutex runLoopMutex_;
+  std::condition_variable runLoopWake_;
+  bool shutdownRequested_ = false;  // guarded by runLoopMutex_
+};
+
+template <typename F>
+auto EmbeddedCameraService::callExtension(F&& call) -> decltype(call()) {
+  using R = decltype(call());
+  if (options_.mode == TimeMode::kVirtual || platformQueue_->isCurrent()) {
+    return call();
+  }
+  auto promise = std::make_shared<std::promise<R>>();
+  std::future<R> future = promise->get_future();
+  platformQueue_->async([promise, &call] {
+    if constexpr (std::is_void_v<R>) {
+      call();
+      promise->set_value();
+    } else {
+      promise->set_value(call());
+    }
+  });
+  return future.get();
+}
+
+}  // namespace flowmere::embedded

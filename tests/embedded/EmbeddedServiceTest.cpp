@@ -1,0 +1,122 @@
+#include <gtest/gtest.h>
+
+#include <future>
+#include <string>
+#include <vector>
+
+#include "embedded/EmbeddedQueues.h"
+#include "embedded/VirtualClock.h"
+#include "support/ExtensionHarness.h"
+
+namespace flowmere::embedded {
+namespace {
+
+constexpr std::int64_t kStart = 100'000'000'000;
+
+TEST(ManualExecutorTest, RunsDueWorkInDeadlineOrderWithTiesInSubmissionOrder) {
+  ManualExecutor executor(kStart);
+  std::vector<std::string> ran;
+  executor.schedule(kStart + 20, [&] { ran.push_back("b@20"); });
+  executor.schedule(kStart + 10, [&] { ran.push_back("a@10"); });
+  executor.schedule(kStart + 20, [&] { ran.push_back("c@20"); });
+  executor.schedule(kStart + 30, [&] { ran.push_back("d@30"); });
+
+  executor.advanceTo(kStart + 20);
+  EXPECT_EQ(ran, (std::vector<std::string>{"a@10", "b@20", "c@20"}));
+  EXPECT_EQ(executor.nowNanoseconds(), kStart + 20);
+  EXPECT_EQ(executor.pendingCount(), 1U);
+}
+
+TEST(ManualExecutorTest, WorkScheduledByWorkRunsInTheSameAdvanceWhenDue) {
+  ManualExecutor executor(kStart);
+  VirtualSerialQueue queue("q", executor);
+  std::vector<std::int64_t> times;
+  queue.asyncAfter(std::chrono::nanoseconds(5), [&] {
+    times.push_back(executor.nowNanoseconds());
+    queue.asyncAfter(std::chrono::nanoseconds(5), [&] {
+      times.push_back(executor.nowNanoseconds());
+      // Beyond the advance: stays pending.
+      queue.asyncAfter(std::chrono::nanoseconds(100), [&] { times.push_back(-1); });
+    });
+  });
+  executor.advanceTo(kStart + 50);
+  // The clock reads each item's own deadline while it runs.
+  EXPECT_EQ(times, (std::vector<std::int64_t>{kStart + 5, kStart + 10}));
+  EXPECT_EQ(executor.nextDeadline(), kStart + 110);
+}
+
+TEST(ManualExecutorTest, ZeroAndNegativeDelaysRunAtTheCurrentTimeInOrder) {
+  ManualExecutor executor(kStart);
+  VirtualSerialQueue queue("q", executor);
+  std::vector<int> ran;
+  queue.asyncAfter(std::chrono::nanoseconds(0), [&] { ran.push_back(1); });
+  queue.asyncAfter(std::chrono::nanoseconds(-50), [&] { ran.push_back(2); });
+  queue.async([&] { ran.push_back(3); });
+  EXPECT_TRUE(ran.empty());  // nothing runs on the submitter's stack
+  executor.runUntilIdle();
+  EXPECT_EQ(ran, (std::vector<int>{1, 2, 3}));
+  EXPECT_EQ(executor.nowNanoseconds(), kStart);
+}
+
+TEST(ThreadSerialQueueTest, RunsWorkSeriallyInDeadlineOrderOffTheCallersThread) {
+  ThreadSerialQueue queue("test.queue", ThreadQueueOptions{1});
+  std::vector<int> ran;
+  std::promise<void> done;
+  const auto caller = std::this_thread::get_id();
+  bool offCaller = true;
+  queue.asyncAfter(std::chrono::milliseconds(2), [&] {
+    ran.push_back(2);
+    done.set_value();
+  });
+  queue.async([&] {
+    offCaller = std::this_thread::get_id() != caller;
+    ran.push_back(1);
+  });
+  done.get_future().wait();
+  EXPECT_TRUE(offCaller);
+  EXPECT_EQ(ran, (std::vector<int>{1, 2}));
+}
+
+TEST(EmbeddedStreamTest, ProducerQueueRefusesTheFourthBufferAndAnswersInOrder) {
+  testing::ExtensionHarness harness;
+  auto producer = harness.makeClient(42, "producer");
+  auto other = harness.makeClient(43, "other");
+  const auto pts = platform::MediaTime::make(0, 30);
+  for (std::uint64_t seq = 1; seq <= 3; ++seq) {
+    EXPECT_TRUE(harness.push(producer, harness.makeFrameForFormat(0, pts), seq));
+  }
+  EXPECT_FALSE(harness.push(producer, harness.makeFrameForFormat(0, pts), 4));
+  // Each producer has a queue of its own.
+  EXPECT_TRUE(harness.push(other, harness.makeFrameForFormat(0, pts), 1));
+
+  std::vector<std::uint64_t> answered;
+  for (int i = 0; i < 4; ++i) {
+    harness.sinkPlatformStream().consumeSampleBufferFromClient(
+        producer, [&](std::shared_ptr<platform::SampleBuffer> buffer, std::uint64_t seq,
+                      platform::StreamDiscontinuityFlags, bool,
+                      std::optional<platform::Error>) { answered.push_back(buffer ? seq : 0); });
+  }
+  EXPECT_TRUE(answered.empty());  // completions arrive later, on the platform queue
+  harness.runUntilIdle();
+  EXPECT_EQ(answered, (std::vector<std::uint64_t>{1, 2, 3, 0}));
+}
+
+TEST(EmbeddedStreamTest, InjectedConsumeFaultsAnswerWithErrorsThenRecover) {
+  testing::ExtensionHarness harness;
+  auto producer = harness.makeClient(42, "producer");
+  harness.service().failNextConsumeRequests(2, "disk on fire");
+  std::vector<std::string> answers;
+  for (int i = 0; i < 3; ++i) {
+    harness.sinkPlatformStream().consumeSampleBufferFromClient(
+        producer,
+        [&](std::shared_ptr<platform::SampleBuffer>, std::uint64_t,
+            platform::StreamDiscontinuityFlags, bool, std::optional<platform::Error> error) {
+          answers.push_back(error ? error->localizedDescriptionOrDefault() : "none");
+        });
+  }
+  harness.runUntilIdle();
+  EXPECT_EQ(answers, (std::vector<std::string>{"disk on fire", "disk on fire", "none"}));
+}
+
+}  // namespace
+}  // namespace flowmere::embedded

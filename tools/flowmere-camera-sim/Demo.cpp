@@ -1,0 +1,265 @@
+#include "Demo.h"
+
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <mutex>
+#include <random>
+#include <unordered_map>
+#include <vector>
+
+#include "TestPattern.h"
+#include "VANEProbeExtensionProvider.h"
+#include "VendorIdentifiers.h"
+#include "embedded/EmbeddedCameraService.h"
+#include "formats/FormatCatalogue.h"
+
+namespace flowmere::sim {
+
+namespace {
+
+std::atomic<bool> interrupted{false};
+
+void onSignal(int /*signal*/) {
+  interrupted.store(true);
+}
+
+std::int64_t monotonicNanoseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+}
+
+void sleepUntil(std::int64_t deadline) {
+  timespec target{static_cast<time_t>(deadline / 1'000'000'000),
+                  static_cast<long>(deadline % 1'000'000'000)};
+  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &target, nullptr) == EINTR &&
+         !interrupted.load()) {
+  }
+}
+
+struct Percentiles {
+  double median = 0;
+  double p99 = 0;
+  double max = 0;
+};
+
+Percentiles percentiles(std::vector<double> values) {
+  if (values.empty()) {
+    return {};
+  }
+  std::sort(values.begin(), values.end());
+  auto at = [&](double q) {
+    return values[std::min(values.size() - 1, static_cast<std::size_t>(q * (values.size() - 1)))];
+  };
+  return {at(0.5), at(0.99), values.back()};
+}
+
+// What the camera client saw, filled in on the consume queue.
+struct Reception {
+  std::mutex mutex;
+  std::unordered_map<const platform::PixelBuffer*, std::int64_t> pushTimes;  // by buffer
+  std::vector<double> latenciesMs;
+  std::vector<std::int64_t> sendHostTimes;
+  std::vector<double> producerPts;
+  std::uint64_t sent = 0;
+  std::uint64_t scheduled = 0;
+};
+
+}  // namespace
+
+int runDemo(const DemoOptions& options) {
+  std::signal(SIGINT, onSignal);
+  std::signal(SIGTERM, onSignal);
+
+  embedded::EmbeddedOptions serviceOptions;
+  serviceOptions.mode = embedded::TimeMode::kReal;
+  serviceOptions.temporaryDirectory = options.temporaryDirectory;
+  if (options.container) {
+    serviceOptions.containerDirectory = options.container;
+  } else if (!options.noContainer) {
+    const char* dataHome = std::getenv("XDG_DATA_HOME");
+    const char* home = std::getenv("HOME");
+    if (dataHome != nullptr && *dataHome != '\0') {
+      serviceOptions.containerParent = std::filesystem::path(dataHome);
+    } else if (home != nullptr && *home != '\0') {
+      serviceOptions.containerParent = std::filesystem::path(home) / ".local" / "share";
+    }
+  }
+  auto service = embedded::EmbeddedCameraService::create(serviceOptions);
+  auto provider = VANEProbeExtensionProviderSource::create(service, nullptr);
+  service->startService(provider->platformProvider());
+  auto& deviceSource = *provider->devices().front();
+
+  const platform::StreamFormat& format =
+      (*deviceSource.sink()->formats())[static_cast<std::size_t>(options.formatIndex)];
+  const auto width = static_cast<std::uint32_t>(format.formatDescription.dimensions().width);
+  const auto height = static_cast<std::uint32_t>(format.formatDescription.dimensions().height);
+  const platform::FourCharCode pixelFormat = format.formatDescription.codecType();
+
+  Reception reception;
+  std::shared_ptr<platform::SampleBuffer> lastReceived;
+  service->onSend([&](const embedded::EmbeddedStream&,
+                      const std::shared_ptr<platform::SampleBuffer>& buffer,
+                      platform::StreamDiscontinuityFlags, std::uint64_t hostTime) {
+    const std::int64_t now = monotonicNanoseconds();
+    const std::scoped_lock lock(reception.mutex);
+    ++reception.sent;
+    reception.sendHostTimes.push_back(static_cast<std::int64_t>(hostTime));
+    auto found = reception.pushTimes.find(buffer->imageBuffer().get());
+    if (found != reception.pushTimes.end()) {
+      reception.latenciesMs.push_back(static_cast<double>(now - found->second) / 1e6);
+      reception.pushTimes.erase(found);
+    }
+    lastReceived = buffer;
+  });
+  service->onScheduledOutput(
+      [&](const embedded::EmbeddedStream&, const platform::ScheduledOutput&) {
+        const std::scoped_lock lock(reception.mutex);
+        ++reception.scheduled;
+      });
+
+  auto sink = service->sinkStream();
+  auto source = service->sourceStream();
+  auto producer =
+      service->makeClient(static_cast<std::int32_t>(getpid()), "flowmere-camera-sim producer");
+  auto viewer =
+      service->makeClient(static_cast<std::int32_t>(getpid()), "flowmere-camera-sim viewer");
+
+  sink->setStreamingClients({producer});
+  sink->authorize(producer);
+  platform::StreamProperties chosen;
+  chosen.setActiveFormatIndex(options.formatIndex);
+  if (platform::Status set = sink->setProperties(chosen); !set.ok()) {
+    std::fprintf(stderr, "flowmere-camera-sim: the sink refused format %lld: %s\n",
+                 static_cast<long long>(options.formatIndex), set.error().description().c_str());
+    return 1;
+  }
+  if (platform::Status started = sink->start(); !started.ok()) {
+    std::fprintf(stderr, "flowmere-camera-sim: the sink did not start: %s\n",
+                 started.error().description().c_str());
+    return 1;
+  }
+  source->setStreamingClients({viewer});
+  source->authorize(viewer);
+  (void)source->start();
+
+  std::printf("Flowmere camera demo: format %lld (%ux%u %s), %.1f fps for %.1f s\n",
+              static_cast<long long>(options.formatIndex), width, height,
+              platform::fourCharCodeString(pixelFormat).c_str(), options.fps, options.seconds);
+  std::fflush(stdout);
+
+  std::mt19937_64 random(42);
+  std::uniform_real_distribution<double> jitter(-options.jitterMilliseconds / 1000.0,
+                                                options.jitterMilliseconds / 1000.0);
+  const std::int64_t start = monotonicNanoseconds();
+  const auto frames = static_cast<std::uint64_t>(std::llround(options.seconds * options.fps));
+  std::uint64_t pushed = 0;
+  std::uint64_t refused = 0;
+  std::vector<double> producerPts;
+  for (std::uint64_t k = 0; k < frames && !interrupted.load(); ++k) {
+    const auto due = start + static_cast<std::int64_t>(static_cast<double>(k) * 1e9 / options.fps);
+    sleepUntil(due);
+    auto pixels = platform::PixelBuffer::create(width, height, pixelFormat);
+    drawTestPattern(*pixels, k + 1);
+    const double ptsSeconds = static_cast<double>(k) / options.fps +
+                              (options.jitterMilliseconds > 0 ? jitter(random) : 0.0);
+    const auto pts =
+        platform::MediaTime::make(std::llround(std::max(ptsSeconds, 0.0) * 1e6), 1'000'000);
+    auto description = platform::createVideoFormatDescriptionForImageBuffer(*pixels);
+    const platform::PixelBuffer* identity = pixels.get();
+    auto frame = platform::SampleBuffer::createReadyWithImageBuffer(
+        std::move(pixels), description,
+        platform::SampleTimingInfo{platform::MediaTime::make(1, 30), pts,
+                                   platform::MediaTime::invalid()});
+    {
+      const std::scoped_lock lock(reception.mutex);
+      reception.pushTimes[identity] = monotonicNanoseconds();
+    }
+    if (sink->push(producer, std::move(frame), k + 1)) {
+      ++pushed;
+      producerPts.push_back(pts.seconds());
+    } else {
+      ++refused;
+      const std::scoped_lock lock(reception.mutex);
+      reception.pushTimes.erase(identity);
+    }
+    if ((k + 1) % static_cast<std::uint64_t>(std::max(1.0, options.fps)) == 0) {
+      const std::scoped_lock lock(reception.mutex);
+      std::printf("  %5.1f s  pushed %llu  refused %llu  relayed %llu  sent %llu\n",
+                  static_cast<double>(monotonicNanoseconds() - start) / 1e9,
+                  static_cast<unsigned long long>(pushed), static_cast<unsigned long long>(refused),
+                  static_cast<unsigned long long>(reception.scheduled),
+                  static_cast<unsigned long long>(reception.sent));
+      std::fflush(stdout);
+    }
+  }
+  // Let the last frames leave, then stop the producer and the client.
+  sleepUntil(monotonicNanoseconds() + 200'000'000);
+  (void)sink->stop();
+  (void)source->stop();
+
+  platform::PropertySet timelineOnly{std::string("4cc_fwtc_glob_0000")};
+  auto timeline = source->getProperties(timelineOnly);
+  std::string timelineText = "{}";
+  if (timeline.ok()) {
+    if (const auto* state = timeline.value().propertyState("4cc_fwtc_glob_0000")) {
+      timelineText = std::get<std::string>(state->value);
+    }
+  }
+
+  const std::scoped_lock lock(reception.mutex);
+  std::vector<double> spacingErrorsUs;
+  const std::size_t pairs = std::min(reception.sendHostTimes.size(), producerPts.size());
+  for (std::size_t i = 1; i < pairs; ++i) {
+    const double delivered =
+        static_cast<double>(reception.sendHostTimes[i] - reception.sendHostTimes[i - 1]) / 1e3;
+    const double intended = (producerPts[i] - producerPts[i - 1]) * 1e6;
+    spacingErrorsUs.push_back(std::fabs(delivered - intended));
+  }
+  const Percentiles spacing = percentiles(spacingErrorsUs);
+  const Percentiles latency = percentiles(reception.latenciesMs);
+
+  std::filesystem::path stateDirectory;
+  std::filesystem::path settingsStore;
+  auto& files = service->fileManager();
+  if (auto container =
+          files.containerURLForSecurityApplicationGroupIdentifier(kApplicationGroupIdentifier)) {
+    stateDirectory = *container / std::string(kStateDirectoryName);
+    settingsStore = *container / "settings.sqlite3";
+  } else {
+    stateDirectory = files.temporaryDirectory() / std::string(kStateDirectoryName);
+  }
+  std::string status = "(unknown)";
+  if (FILE* file = std::fopen((stateDirectory / "bridge_extension_status").c_str(), "rb")) {
+    char text[256] = {};
+    const std::size_t length = std::fread(text, 1, sizeof(text) - 1, file);
+    std::fclose(file);
+    status.assign(text, length);
+  }
+
+  std::printf("\nSummary%s\n", interrupted.load() ? " (interrupted)" : "");
+  std::printf("  frames pushed        %llu\n", static_cast<unsigned long long>(pushed));
+  std::printf("  refused (queue full) %llu\n", static_cast<unsigned long long>(refused));
+  std::printf("  relayed              %llu\n",
+              static_cast<unsigned long long>(reception.scheduled));
+  std::printf("  sent to the client   %llu\n", static_cast<unsigned long long>(reception.sent));
+  std::printf("  spacing error        median %.0f us, p99 %.0f us, max %.0f us (%zu intervals)\n",
+              spacing.median, spacing.p99, spacing.max, spacingErrorsUs.size());
+  std::printf("  push-to-receipt      median %.2f ms, p99 %.2f ms, max %.2f ms\n", latency.median,
+              latency.p99, latency.max);
+  std::printf("  timeline             %s\n", timelineText.c_str());
+  std::printf("  status               %s\n", status.c_str());
+  std::printf("  state files          %s\n", stateDirectory.c_str());
+  std::printf("  settings store       %s\n", settingsStore.empty()
+                                                 ? "(none: no application-group container)"
+                                                 : settingsStore.c_str());
+  return 0;
+}
+
+}  // namespace flowmere::sim
