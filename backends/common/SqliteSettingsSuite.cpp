@@ -17,8 +17,7 @@ constexpr const char* kUpsert =
     "updated_at = excluded.updated_at";
 
 double unixSeconds() {
-  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
-      .count();
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
 ino_t inodeOf(const std::filesystem::path& file) {
@@ -58,8 +57,8 @@ std::map<std::string, SqliteSettingsSuite::Value> SqliteSettingsSuite::readAll(
   }
   sqlite3_busy_timeout(connection, 2000);
   sqlite3_stmt* statement = nullptr;
-  if (sqlite3_prepare_v2(connection, "SELECT key, value FROM settings", -1, &statement,
-                         nullptr) == SQLITE_OK) {
+  if (sqlite3_prepare_v2(connection, "SELECT key, value FROM settings", -1, &statement, nullptr) ==
+      SQLITE_OK) {
     while (sqlite3_step(statement) == SQLITE_ROW) {
       const std::string key(reinterpret_cast<const char*>(sqlite3_column_text(statement, 0)));
       switch (sqlite3_column_type(statement, 1)) {
@@ -182,6 +181,12 @@ bool SqliteSettingsSuite::storePending() {
     if (!openDatabase()) {
       return false;
     }
+    // The new file holds nothing yet: store every value again.
+    const std::scoped_lock lock(cacheMutex_);
+    for (auto& [key, entry] : cache_) {
+      entry.pending = true;
+    }
+    anyPending_ = !cache_.empty();
   }
 
   std::vector<std::pair<std::string, Value>> batch;
