@@ -2,17 +2,21 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <iostream>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "Demo.h"
+#include "ScriptRunner.h"
 
 namespace {
 
 constexpr const char* kUsage =
     "usage: flowmere-camera-sim demo [--seconds S] [--format I] [--fps F] [--jitter MS]\n"
-    "                                [--container DIR | --no-container] [--tmp DIR]\n";
+    "                                [--container DIR | --no-container] [--tmp DIR]\n"
+    "       flowmere-camera-sim run SCRIPT.jsonl [--container DIR | --no-container] [--tmp DIR]\n";
 
 int usageError(const std::string& message) {
   std::fprintf(stderr, "flowmere-camera-sim: %s\n%s", message.c_str(), kUsage);
@@ -26,6 +30,38 @@ bool parseNumber(std::string_view text, double& value) {
   return end != copy.c_str() && *end == '\0';
 }
 
+int runMode(const std::vector<std::string_view>& args) {
+  if (args.size() < 2 || args[1].rfind("--", 0) == 0) {
+    return usageError("run needs a script file");
+  }
+  flowmere::sim::ScriptOptions options;
+  for (std::size_t i = 2; i < args.size(); ++i) {
+    const std::string_view flag = args[i];
+    if (flag == "--no-container") {
+      options.noContainer = true;
+    } else if ((flag == "--container" || flag == "--tmp") && i + 1 < args.size()) {
+      const std::string value(args[++i]);
+      if (flag == "--container") {
+        options.container = value;
+      } else {
+        options.temporaryDirectory = value;
+      }
+    } else {
+      return usageError("unknown or incomplete option '" + std::string(flag) + "'");
+    }
+  }
+  if (options.container && options.noContainer) {
+    return usageError("--container and --no-container exclude each other");
+  }
+  const std::string path(args[1]);
+  std::ifstream script(path);
+  if (!script) {
+    std::fprintf(stderr, "flowmere-camera-sim: cannot read %s\n", path.c_str());
+    return 2;
+  }
+  return flowmere::sim::runScript(script, path, options, std::cout, std::cerr);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -33,6 +69,9 @@ int main(int argc, char** argv) {
   if (args.empty() || args[0] == "--help" || args[0] == "-h") {
     std::fputs(kUsage, args.empty() ? stderr : stdout);
     return args.empty() ? 2 : 0;
+  }
+  if (args[0] == "run") {
+    return runMode(args);
   }
   if (args[0] != "demo") {
     return usageError("unknown mode '" + std::string(args[0]) + "'");
