@@ -7,4 +7,5 @@ cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 cmake --preset release >/dev/null
 cmake --build --preset release -j "$(nproc)" --target flowmere-camera-sim
-exec ./build/release/tools/flowmere-camera-sim/flowmere-camera-sim demo --seconds "${SECONDS_TO_RUN:-5}" "$@"
+exec ./build/release/tools/flowmere-camera-sim/flowmere-camera-sim demo --seconds "${SECONDS_TO_RUN:-5}" \
+  --snapshot build/demo-snapshot.png "$@"

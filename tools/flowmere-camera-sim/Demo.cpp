@@ -13,6 +13,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "PngWriter.h"
 #include "TestPattern.h"
 #include "VANEProbeExtensionProvider.h"
 #include "VendorIdentifiers.h"
@@ -256,6 +257,14 @@ int runDemo(const DemoOptions& options) {
   std::printf("  timeline             %s\n", timelineText.c_str());
   std::printf("  status               %s\n", status.c_str());
   std::printf("  state files          %s\n", stateDirectory.c_str());
+  if (options.snapshot) {
+    if (lastReceived && writePng(*lastReceived->imageBuffer(), *options.snapshot)) {
+      std::printf("  snapshot             %s\n", options.snapshot->c_str());
+    } else {
+      std::printf("  snapshot             (not written: %s)\n",
+                  lastReceived ? "cannot write the file" : "no frame was received");
+    }
+  }
   std::printf("  settings store       %s\n", settingsStore.empty()
                                                  ? "(none: no application-group container)"
                                                  : settingsStore.c_str());

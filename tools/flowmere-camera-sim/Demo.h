@@ -15,6 +15,8 @@ struct DemoOptions {
   std::int64_t formatIndex = 0;
   double fps = 30.0;
   double jitterMilliseconds = 0.0;
+  // Where to write the last received frame as a PNG, if anywhere.
+  std::optional<std::filesystem::path> snapshot;
   // The application-group container; none with `noContainer`, the user's default otherwise.
   std::optional<std::filesystem::path> container;
   bool noContainer = false;

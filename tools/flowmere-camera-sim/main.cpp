@@ -15,6 +15,7 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: flowmere-camera-sim demo [--seconds S] [--format I] [--fps F] [--jitter MS]\n"
+    "                                [--snapshot FILE.png]\n"
     "                                [--container DIR | --no-container] [--tmp DIR]\n"
     "       flowmere-camera-sim run SCRIPT.jsonl [--container DIR | --no-container] [--tmp DIR]\n";
 
@@ -93,6 +94,8 @@ int main(int argc, char** argv) {
       options.container = std::string(value);
     } else if (flag == "--tmp") {
       options.temporaryDirectory = std::string(value);
+    } else if (flag == "--snapshot") {
+      options.snapshot = std::string(value);
     } else if (!parseNumber(value, number)) {
       return usageError("'" + std::string(value) + "' is not a number (after " + std::string(flag) +
                         ")");
