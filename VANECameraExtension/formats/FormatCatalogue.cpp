@@ -41,8 +41,7 @@ constexpr std::array<HdrSize, 4> kHdrSizes{{
     {1920, 1080, true},
 }};
 
-StreamFormat wrap(std::optional<platform::FormatDescription> description,
-                  MediaTime frameDuration) {
+StreamFormat wrap(std::optional<platform::FormatDescription> description, MediaTime frameDuration) {
   if (!description) {
     // Unreachable with the constant sizes above; a shorter catalogue would shift every index.
     std::fputs("VANEProbeExtension: could not describe a catalogue format\n", stderr);
@@ -59,10 +58,10 @@ std::shared_ptr<const platform::StreamFormatList> makeFormatCatalogue() {
   platform::StreamFormatList sdr;
   sdr.reserve(kSdrSizes.size());
   for (const SdrSize& size : kSdrSizes) {
-    sdr.push_back(wrap(platform::createVideoFormatDescription(platform::kCVPixelFormatType_32BGRA,
-                                                              size.width, size.height,
-                                                              std::nullopt),
-                       frameDuration));
+    sdr.push_back(
+        wrap(platform::createVideoFormatDescription(platform::kCVPixelFormatType_32BGRA, size.width,
+                                                    size.height, std::nullopt),
+             frameDuration));
   }
 
   platform::StreamFormatList hdr;

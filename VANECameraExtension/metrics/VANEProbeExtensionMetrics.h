@@ -55,9 +55,12 @@ class VANEProbeExtensionMetrics {
   [[nodiscard]] Snapshot snapshot() const;
 
  private:
+  // Suite first (when there is one), then the state file; the key is already namespaced.
   void publishInteger(const std::string& key, std::int64_t value);
+  void publishDouble(const std::string& key, double value);
   void publishStatus(std::string_view text);
-  [[nodiscard]] const std::string& keyFor(std::string_view name) const;
+  // The cached namespaced key for one of the four published base names; null for any other.
+  [[nodiscard]] const std::string* cachedKey(std::string_view name) const;
 
   // Fields keep the names the rest of the system uses for them; `namespace` is a reserved word
   // in C++, hence `namespace_`.

@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "HostTime.h"
 #include "formats/FormatCatalogue.h"
 
 namespace flowmere {
@@ -9,17 +10,6 @@ namespace flowmere {
 namespace {
 
 using platform::Locker;
-
-constexpr double kTwoToThe64 = 18446744073709551616.0;
-
-// Seconds to whole nanoseconds, truncated toward zero; 0 where the value does not fit.
-std::uint64_t nanosecondsFromSeconds(double seconds) {
-  const double nanoseconds = seconds * 1000000000.0;
-  if (!(nanoseconds > -1.0 && nanoseconds < kTwoToThe64)) {
-    return 0;
-  }
-  return static_cast<std::uint64_t>(nanoseconds);
-}
 
 }  // namespace
 
@@ -344,7 +334,7 @@ void VANEProbeSinkStream::deliverSampleBuffer(
   if (auto source = sourceStream.lock()) {
     source->forwardSampleBuffer(sampleBuffer);
   }
-  const std::uint64_t hostNanoseconds = nanosecondsFromSeconds(platform->clock().hostSeconds());
+  const std::uint64_t hostNanoseconds = hostTimeInNanoseconds(platform->clock().hostSeconds());
   stream->notifyScheduledOutputChanged(platform::ScheduledOutput{sequenceNumber, hostNanoseconds});
 }
 

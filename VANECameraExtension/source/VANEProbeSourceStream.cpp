@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "HostTime.h"
 #include "formats/FormatCatalogue.h"
 
 namespace flowmere {
@@ -12,9 +13,6 @@ using platform::Locker;
 
 constexpr double kTimelineThrottleSeconds = 0.09;
 constexpr std::uint64_t kSendLogInterval = 300;
-// 2^64 as a double: the first value that does not fit an unsigned 64-bit integer.
-constexpr double kTwoToThe64 = 18446744073709551616.0;
-
 platform::Error unsupportedFormatError() {
   return platform::Error{platform::NSOSStatusErrorDomain,
                          platform::kCMIOHardwareUnsupportedOperationError, std::nullopt};
@@ -23,15 +21,6 @@ platform::Error unsupportedFormatError() {
 platform::Error illegalOperationError(const char* message) {
   return platform::Error{platform::NSOSStatusErrorDomain,
                          platform::kCMIOHardwareIllegalOperationError, message};
-}
-
-// Seconds to whole nanoseconds, truncated toward zero; 0 where the value does not fit.
-std::uint64_t nanosecondsFromSeconds(double seconds) {
-  const double nanoseconds = seconds * 1000000000.0;
-  if (!(nanoseconds > -1.0 && nanoseconds < kTwoToThe64)) {
-    return 0;
-  }
-  return static_cast<std::uint64_t>(nanoseconds);
 }
 
 }  // namespace
@@ -268,7 +257,7 @@ std::shared_ptr<platform::SampleBuffer> VANEProbeSourceStream::makeSampleBuffer(
 void VANEProbeSourceStream::sendToClients(
     const std::shared_ptr<platform::SampleBuffer>& sampleBuffer) {
   const double seconds = sampleBuffer->presentationTimeStamp().seconds();
-  const std::uint64_t hostTime = nanosecondsFromSeconds(seconds);
+  const std::uint64_t hostTime = hostTimeInNanoseconds(seconds);
   // Only this queue writes the count; it wraps at 2^64.
   const std::uint64_t count = sentFrameCount.load(std::memory_order_relaxed) + 1;
   sentFrameCount.store(count, std::memory_order_relaxed);

@@ -15,16 +15,20 @@ PosixFileManager::PosixFileManager(std::optional<std::filesystem::path> containe
     : containerParent_(std::move(containerParent)),
       temporaryDirectory_(std::move(temporaryDirectory)) {}
 
-PosixFileManager PosixFileManager::fromEnvironment() {
-  std::optional<std::filesystem::path> parent;
+std::optional<std::filesystem::path> PosixFileManager::defaultContainerParent() {
   const char* dataHome = std::getenv("XDG_DATA_HOME");
   const char* home = std::getenv("HOME");
   if (dataHome != nullptr && *dataHome != '\0') {
-    parent = std::filesystem::path(dataHome);
-  } else if (home != nullptr && *home != '\0') {
-    parent = std::filesystem::path(home) / ".local" / "share";
+    return std::filesystem::path(dataHome);
   }
-  return PosixFileManager(parent, "/tmp");
+  if (home != nullptr && *home != '\0') {
+    return std::filesystem::path(home) / ".local" / "share";
+  }
+  return std::nullopt;
+}
+
+PosixFileManager PosixFileManager::fromEnvironment() {
+  return PosixFileManager(defaultContainerParent(), "/tmp");
 }
 
 std::optional<std::filesystem::path>

@@ -17,8 +17,10 @@ class PosixFileManager final : public platform::FileManager {
   // granted). `temporaryDirectory`: stands in for the system's temporary directory.
   PosixFileManager(std::optional<std::filesystem::path> containerParent,
                    std::filesystem::path temporaryDirectory);
-  // Containers under ${XDG_DATA_HOME:-$HOME/.local/share}, temporary directory /tmp.
+  // Containers under `defaultContainerParent()`, temporary directory /tmp.
   static PosixFileManager fromEnvironment();
+  // ${XDG_DATA_HOME:-$HOME/.local/share}; none when neither variable is set.
+  static std::optional<std::filesystem::path> defaultContainerParent();
 
   std::optional<std::filesystem::path> containerURLForSecurityApplicationGroupIdentifier(
       std::string_view groupIdentifier) override;

@@ -467,7 +467,8 @@ std::shared_ptr<platform::SettingsSuite> EmbeddedCameraService::openSettingsSuit
   if (!container) {
     return nullptr;
   }
-  const std::filesystem::path database = common::SqliteSettingsSuite::defaultDatabaseFile(*container);
+  const std::filesystem::path database =
+      common::SqliteSettingsSuite::defaultDatabaseFile(*container);
   const platform::Locker lock(mutex_);
   std::shared_ptr<SharedSettingsStore>& shared = settingsStores_[database];
   if (!shared) {
@@ -486,7 +487,9 @@ std::shared_ptr<platform::SettingsSuite> EmbeddedCameraService::openSettingsSuit
   return std::make_shared<SettingsHandle>(shared);
 }
 
-platform::FileManager& EmbeddedCameraService::fileManager() { return *fileManager_; }
+platform::FileManager& EmbeddedCameraService::fileManager() {
+  return *fileManager_;
+}
 
 std::shared_ptr<EmbeddedProvider> EmbeddedCameraService::publishedProvider() const {
   const platform::Locker lock(mutex_);
@@ -526,7 +529,9 @@ void EmbeddedCameraService::failNextConsumeRequests(int count, std::string local
   consumeFaultDescription_ = std::move(localizedDescription);
 }
 
-void EmbeddedCameraService::setFailFileWrites(bool fail) { fileManager_->setFailWrites(fail); }
+void EmbeddedCameraService::setFailFileWrites(bool fail) {
+  fileManager_->setFailWrites(fail);
+}
 
 void EmbeddedCameraService::onSend(SendObserver observer) {
   const platform::Locker lock(mutex_);
@@ -640,6 +645,8 @@ void EmbeddedCameraService::notifyFileWrite(const std::filesystem::path& path,
   }
 }
 
-void EmbeddedCameraService::writeLog(std::string_view line) { log_->write(line); }
+void EmbeddedCameraService::writeLog(std::string_view line) {
+  log_->write(line);
+}
 
 }  // namespace flowmere::embedded

@@ -52,8 +52,8 @@ void ThreadSerialQueue::submit(std::int64_t deadline, platform::Work work) {
     if (state_->stopping) {
       return;
     }
-    earliest = state_->items.empty() || deadline < state_->items.top().deadline;
-    state_->items.push(Item{deadline, state_->nextOrder++, std::move(work)});
+    earliest = state_->items.empty() || deadline < state_->items.nextDeadline();
+    state_->items.push(deadline, std::move(work));
   }
   if (earliest) {
     state_->wake.notify_one();
@@ -82,15 +82,14 @@ void ThreadSerialQueue::run(const std::shared_ptr<State>& state, const std::stri
       state->wake.wait(lock);
       continue;
     }
-    const std::int64_t deadline = state->items.top().deadline;
+    const std::int64_t deadline = state->items.nextDeadline();
     if (deadline > MonotonicClock::nowNanoseconds()) {
       // steady_clock is CLOCK_MONOTONIC on Linux, the clock the deadlines are taken from.
       state->wake.wait_until(
           lock, std::chrono::steady_clock::time_point(std::chrono::nanoseconds(deadline)));
       continue;
     }
-    platform::Work work = std::move(state->items.top().work);
-    state->items.pop();
+    platform::Work work = state->items.pop();
     lock.unlock();
     work();
     work = nullptr;  // release captures before taking the lock again

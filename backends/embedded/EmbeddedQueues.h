@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "DeadlineQueue.h"
 #include "VirtualClock.h"
 #include "platform/Services.h"
 #include "platform/ThreadAnnotations.h"
@@ -59,22 +60,11 @@ class ThreadSerialQueue final : public platform::SerialQueue {
   [[nodiscard]] bool isCurrent() const { return std::this_thread::get_id() == threadID_; }
 
  private:
-  struct Item {
-    std::int64_t deadline;
-    std::uint64_t order;
-    mutable platform::Work work;
-  };
-  struct Later {
-    bool operator()(const Item& a, const Item& b) const {
-      return a.deadline != b.deadline ? a.deadline > b.deadline : a.order > b.order;
-    }
-  };
   struct State {
     std::mutex mutex;
     std::condition_variable wake;
-    std::priority_queue<Item, std::vector<Item>, Later> items;  // guarded by mutex
-    std::uint64_t nextOrder = 0;                                // guarded by mutex
-    bool stopping = false;                                      // guarded by mutex
+    DeadlineQueue items;    // guarded by mutex
+    bool stopping = false;  // guarded by mutex
   };
 
   void submit(std::int64_t deadline, platform::Work work);

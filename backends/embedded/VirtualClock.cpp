@@ -2,6 +2,8 @@
 
 #include <time.h>
 
+#include <algorithm>
+
 namespace flowmere::embedded {
 
 std::int64_t ManualExecutor::nowNanoseconds() const {
@@ -11,7 +13,7 @@ std::int64_t ManualExecutor::nowNanoseconds() const {
 
 void ManualExecutor::schedule(std::int64_t deadlineNanoseconds, platform::Work work) {
   const platform::Locker lock(mutex_);
-  items_.push(Item{deadlineNanoseconds, nextOrder_++, std::move(work)});
+  items_.push(deadlineNanoseconds, std::move(work));
 }
 
 void ManualExecutor::advanceTo(std::int64_t timeNanoseconds) {
@@ -19,18 +21,14 @@ void ManualExecutor::advanceTo(std::int64_t timeNanoseconds) {
     platform::Work work;
     {
       const platform::Locker lock(mutex_);
-      if (items_.empty() || items_.top().deadline > timeNanoseconds) {
+      if (items_.empty() || items_.nextDeadline() > timeNanoseconds) {
         if (timeNanoseconds > now_) {
           now_ = timeNanoseconds;
         }
         return;
       }
-      const Item& next = items_.top();
-      if (next.deadline > now_) {
-        now_ = next.deadline;
-      }
-      work = std::move(next.work);
-      items_.pop();
+      now_ = std::max(now_, items_.nextDeadline());
+      work = items_.pop();
     }
     work();
   }
@@ -52,7 +50,7 @@ std::optional<std::int64_t> ManualExecutor::nextDeadline() const {
   if (items_.empty()) {
     return std::nullopt;
   }
-  return items_.top().deadline;
+  return items_.nextDeadline();
 }
 
 std::size_t ManualExecutor::pendingCount() const {

@@ -5,9 +5,8 @@
 
 #include <cstdint>
 #include <optional>
-#include <queue>
-#include <vector>
 
+#include "DeadlineQueue.h"
 #include "platform/Services.h"
 #include "platform/ThreadAnnotations.h"
 
@@ -38,21 +37,9 @@ class ManualExecutor {
   [[nodiscard]] std::size_t pendingCount() const EXCLUDES(mutex_);
 
  private:
-  struct Item {
-    std::int64_t deadline;
-    std::uint64_t order;
-    mutable platform::Work work;
-  };
-  struct Later {
-    bool operator()(const Item& a, const Item& b) const {
-      return a.deadline != b.deadline ? a.deadline > b.deadline : a.order > b.order;
-    }
-  };
-
   mutable platform::Mutex mutex_;
   std::int64_t now_ GUARDED_BY(mutex_);
-  std::uint64_t nextOrder_ GUARDED_BY(mutex_) = 0;
-  std::priority_queue<Item, std::vector<Item>, Later> items_ GUARDED_BY(mutex_);
+  DeadlineQueue items_ GUARDED_BY(mutex_);
 };
 
 // The host clock and system uptime, both read from the executor's virtual time.

@@ -17,6 +17,7 @@
 #include "TestPattern.h"
 #include "VANEProbeExtensionProvider.h"
 #include "VendorIdentifiers.h"
+#include "common/PosixFileManager.h"
 #include "embedded/EmbeddedCameraService.h"
 #include "formats/FormatCatalogue.h"
 
@@ -84,13 +85,7 @@ int runDemo(const DemoOptions& options) {
   if (options.container) {
     serviceOptions.containerDirectory = options.container;
   } else if (!options.noContainer) {
-    const char* dataHome = std::getenv("XDG_DATA_HOME");
-    const char* home = std::getenv("HOME");
-    if (dataHome != nullptr && *dataHome != '\0') {
-      serviceOptions.containerParent = std::filesystem::path(dataHome);
-    } else if (home != nullptr && *home != '\0') {
-      serviceOptions.containerParent = std::filesystem::path(home) / ".local" / "share";
-    }
+    serviceOptions.containerParent = common::PosixFileManager::defaultContainerParent();
   }
   auto service = embedded::EmbeddedCameraService::create(serviceOptions);
   auto provider = VANEProbeExtensionProviderSource::create(service, nullptr);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "VANEProbeExtensionProvider.h"
+#include "common/PosixFileManager.h"
 #include "embedded/EmbeddedCameraService.h"
 
 namespace flowmere::sim {
@@ -330,13 +331,7 @@ class Runner {
     if (options.container) {
       serviceOptions.containerDirectory = options.container;
     } else if (!options.noContainer) {
-      const char* dataHome = std::getenv("XDG_DATA_HOME");
-      const char* home = std::getenv("HOME");
-      if (dataHome != nullptr && *dataHome != '\0') {
-        serviceOptions.containerParent = std::filesystem::path(dataHome);
-      } else if (home != nullptr && *home != '\0') {
-        serviceOptions.containerParent = std::filesystem::path(home) / ".local" / "share";
-      }
+      serviceOptions.containerParent = common::PosixFileManager::defaultContainerParent();
     }
     serviceOptions.logSink = [this](std::string_view line) {
       emit("log", Json{{"text", std::string(line)}});
