@@ -15,7 +15,7 @@ namespace {
 void defaultFatalErrorHandler(const std::string& message) {
   std::fprintf(stderr, "%s\n", message.c_str());
   std::fflush(stderr);
-  std::exit(1);
+  std::exit(1);  // NOLINT(concurrency-mt-unsafe): start-up on the main thread, nothing else runs
 }
 
 std::atomic<FatalErrorHandler> fatalHandler{&defaultFatalErrorHandler};
@@ -58,7 +58,8 @@ std::string VANEProbeExtensionDeviceSource::consumeQueueLabel(
 }
 
 std::shared_ptr<VANEProbeExtensionDeviceSource> VANEProbeExtensionDeviceSource::create(
-    std::shared_ptr<platform::Platform> platform, FlowmereCameraDeviceDescriptor descriptor) {
+    const std::shared_ptr<platform::Platform>& platform,
+    FlowmereCameraDeviceDescriptor descriptor) {
   auto self = std::make_shared<VANEProbeExtensionDeviceSource>(std::move(descriptor));
   const FlowmereCameraDeviceDescriptor& identity = self->descriptor;
 
@@ -121,7 +122,7 @@ platform::Status VANEProbeExtensionDeviceSource::setDeviceProperties(
 // Provider source
 
 std::shared_ptr<VANEProbeExtensionProviderSource> VANEProbeExtensionProviderSource::create(
-    std::shared_ptr<platform::Platform> platform,
+    const std::shared_ptr<platform::Platform>& platform,
     std::shared_ptr<platform::SerialQueue> clientQueue) {
   auto self = std::make_shared<VANEProbeExtensionProviderSource>();
   self->provider = platform->createProvider(self->weak_from_this(), std::move(clientQueue));
@@ -172,7 +173,7 @@ platform::Status VANEProbeExtensionProviderSource::setProviderProperties(
 // ---------------------------------------------------------------------------------------------
 // Process entry
 
-int runExtension(std::shared_ptr<platform::Platform> platform) {
+int runExtension(const std::shared_ptr<platform::Platform>& platform) {
   auto providerSource = VANEProbeExtensionProviderSource::create(platform, nullptr);
   {
     const std::scoped_lock lock(providerMutex);

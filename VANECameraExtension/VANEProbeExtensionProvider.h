@@ -37,7 +37,8 @@ class VANEProbeExtensionDeviceSource final
   // Builds the platform device, the format catalogue, both streams and their recorders, and adds
   // both streams to the device (source first). A refused stream is fatal. Main thread.
   static std::shared_ptr<VANEProbeExtensionDeviceSource> create(
-      std::shared_ptr<platform::Platform> platform, FlowmereCameraDeviceDescriptor descriptor);
+      const std::shared_ptr<platform::Platform>& platform,
+      FlowmereCameraDeviceDescriptor descriptor);
 
   explicit VANEProbeExtensionDeviceSource(FlowmereCameraDeviceDescriptor descriptor);
 
@@ -74,7 +75,7 @@ class VANEProbeExtensionProviderSource final
   // Creates the platform provider, one device source per descriptor of `allDescriptors()`, and
   // registers every device with the provider. A refused device is fatal. Main thread.
   static std::shared_ptr<VANEProbeExtensionProviderSource> create(
-      std::shared_ptr<platform::Platform> platform,
+      const std::shared_ptr<platform::Platform>& platform,
       std::shared_ptr<platform::SerialQueue> clientQueue);
 
   VANEProbeExtensionProviderSource() = default;
@@ -103,7 +104,7 @@ class VANEProbeExtensionProviderSource final
 // The process entry on a given platform: builds the provider source, keeps it in the
 // process-wide reference, starts the service and runs the main run loop. Returns 0 if the run
 // loop ever returns. Main thread.
-int runExtension(std::shared_ptr<platform::Platform> platform);
+int runExtension(const std::shared_ptr<platform::Platform>& platform);
 
 // The process-wide reference to the provider source (null before `runExtension`).
 std::shared_ptr<VANEProbeExtensionProviderSource> sharedProviderSource();

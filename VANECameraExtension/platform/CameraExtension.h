@@ -43,10 +43,9 @@ struct ScheduledOutput {
 
 // The answer to a consume request: buffer (or none), its sequence number, discontinuity flags,
 // whether more buffers are waiting, and an error (or none).
-using ConsumeCompletion =
-    InlineFunction<void(std::shared_ptr<SampleBuffer>, std::uint64_t, StreamDiscontinuityFlags,
-                        bool, std::optional<Error>),
-                   48>;
+using ConsumeCompletion = InlineFunction<void(std::shared_ptr<SampleBuffer>, std::uint64_t,
+                                              StreamDiscontinuityFlags, bool, std::optional<Error>),
+                                         48>;
 
 // Implemented by the extension for each stream. Called on platform threads.
 class StreamSource {

@@ -52,7 +52,7 @@ class [[nodiscard]] Status {
 template <typename T>
 class [[nodiscard]] Result {
  public:
-  Result(T value) : value_(std::move(value)) {}     // NOLINT(google-explicit-constructor)
+  Result(T value) : value_(std::move(value)) {}      // NOLINT(google-explicit-constructor)
   Result(Error error) : error_(std::move(error)) {}  // NOLINT(google-explicit-constructor)
 
   [[nodiscard]] bool ok() const { return value_.has_value(); }

@@ -93,7 +93,7 @@ class InlineFunction<R(Args...), Capacity> {
     }
   }
 
-  alignas(std::max_align_t) std::byte storage_[Capacity];
+  alignas(std::max_align_t) std::byte storage_[Capacity]{};
   const Ops* ops_ = nullptr;
 };
 

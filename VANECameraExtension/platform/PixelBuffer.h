@@ -24,8 +24,7 @@ namespace flowmere::platform {
 
 // Attachment keys.
 inline constexpr ConstantString kCVImageBufferColorPrimariesKey = "CVImageBufferColorPrimaries";
-inline constexpr ConstantString kCVImageBufferTransferFunctionKey =
-    "CVImageBufferTransferFunction";
+inline constexpr ConstantString kCVImageBufferTransferFunctionKey = "CVImageBufferTransferFunction";
 inline constexpr ConstantString kCVImageBufferYCbCrMatrixKey = "CVImageBufferYCbCrMatrix";
 
 enum class AttachmentMode : std::uint32_t {

@@ -25,8 +25,7 @@ class Platform {
                                                std::optional<std::string> legacyDeviceID,
                                                std::weak_ptr<DeviceSource> source) = 0;
   virtual std::shared_ptr<Stream> createStream(std::string localizedName, Uuid streamID,
-                                               StreamDirection direction,
-                                               StreamClockType clockType,
+                                               StreamDirection direction, StreamClockType clockType,
                                                std::weak_ptr<StreamSource> source) = 0;
   // Publishes the provider to the camera service; returns at once.
   virtual void startService(const std::shared_ptr<Provider>& provider) = 0;

@@ -21,7 +21,7 @@ class Uuid {
   [[nodiscard]] const std::array<std::uint8_t, 16>& bytes() const { return bytes_; }
 
   friend bool operator==(const Uuid&, const Uuid&) = default;
-  friend auto operator<=>(const Uuid&, const Uuid&) = default;
+  friend auto operator<=>(const Uuid&, const Uuid&) = default;  // NOLINT(modernize-use-nullptr)
 
  private:
   std::array<std::uint8_t, 16> bytes_{};

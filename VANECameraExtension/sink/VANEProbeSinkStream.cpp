@@ -14,7 +14,8 @@ using platform::Locker;
 }  // namespace
 
 std::shared_ptr<VANEProbeSinkStream> VANEProbeSinkStream::create(
-    std::shared_ptr<platform::Platform> platform, const FlowmereCameraDeviceDescriptor& descriptor,
+    const std::shared_ptr<platform::Platform>& platform,
+    const FlowmereCameraDeviceDescriptor& descriptor,
     std::shared_ptr<const platform::StreamFormatList> formats,
     std::shared_ptr<VANEProbeExtensionMetrics> metrics,
     const std::shared_ptr<VANEProbeSourceStream>& sourceStream,
@@ -213,7 +214,7 @@ void VANEProbeSinkStream::requestNextSampleBuffer(std::uint64_t generation) {
       producer, [weakSelf = weak_from_this(), generation](
                     std::shared_ptr<platform::SampleBuffer> sampleBuffer,
                     std::uint64_t sequenceNumber, platform::StreamDiscontinuityFlags discontinuity,
-                    bool hasMore, std::optional<platform::Error> error) {
+                    bool hasMore, const std::optional<platform::Error>& error) {
         if (auto self = weakSelf.lock()) {
           self->handleConsumeResult(generation, std::move(sampleBuffer), sequenceNumber,
                                     discontinuity, hasMore, error);

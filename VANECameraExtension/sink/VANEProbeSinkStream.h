@@ -63,7 +63,7 @@ class VANEProbeSinkStream final : public platform::StreamSource,
   // Builds the object with its initial field values, then its platform stream (direction sink,
   // host-time clock), whose source is the new object. Main thread, during start-up.
   static std::shared_ptr<VANEProbeSinkStream> create(
-      std::shared_ptr<platform::Platform> platform,
+      const std::shared_ptr<platform::Platform>& platform,
       const FlowmereCameraDeviceDescriptor& descriptor,
       std::shared_ptr<const platform::StreamFormatList> formats,
       std::shared_ptr<VANEProbeExtensionMetrics> metrics,

@@ -31,7 +31,8 @@ const platform::PropertyName& timelineMetadataProperty() {
 }
 
 std::shared_ptr<VANEProbeSourceStream> VANEProbeSourceStream::create(
-    std::shared_ptr<platform::Platform> platform, const FlowmereCameraDeviceDescriptor& descriptor,
+    const std::shared_ptr<platform::Platform>& platform,
+    const FlowmereCameraDeviceDescriptor& descriptor,
     std::shared_ptr<const platform::StreamFormatList> formats,
     std::shared_ptr<VANEProbeExtensionMetrics> metrics) {
   auto self = std::make_shared<VANEProbeSourceStream>(platform, std::move(formats),

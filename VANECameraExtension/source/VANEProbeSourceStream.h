@@ -52,7 +52,7 @@ class VANEProbeSourceStream final : public platform::StreamSource,
   // Builds the object with its initial field values, then its platform stream (direction
   // source, host-time clock), whose source is the new object. Main thread, during start-up.
   static std::shared_ptr<VANEProbeSourceStream> create(
-      std::shared_ptr<platform::Platform> platform,
+      const std::shared_ptr<platform::Platform>& platform,
       const FlowmereCameraDeviceDescriptor& descriptor,
       std::shared_ptr<const platform::StreamFormatList> formats,
       std::shared_ptr<VANEProbeExtensionMetrics> metrics);
