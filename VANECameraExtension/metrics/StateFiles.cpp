@@ -9,15 +9,19 @@ StateFiles::StateFiles(platform::FileManager& fileManager, std::string applicati
       stateDirectoryName_(std::move(stateDirectoryName)) {}
 
 std::optional<std::filesystem::path> StateFiles::stateDirectoryURL() {
-  if (auto container = fileManager_.containerURLForSecurityApplicationGroupIdentifier(
-          applicationGroupIdentifier_)) {
-    std::filesystem::path candidate = *container / stateDirectoryName_;
-    if (createStateDirectory(candidate)) {
+  // The container's state directory when the platform grants the container and the directory can
+  // be made there; otherwise the fixed fallback in the temporary directory.
+  if (std::optional<std::filesystem::path> candidate =
+          fileManager_.containerURLForSecurityApplicationGroupIdentifier(
+              applicationGroupIdentifier_)) {
+    *candidate /= stateDirectoryName_;
+    if (createStateDirectory(*candidate)) {
       return candidate;
     }
   }
-  std::filesystem::path fallback = fileManager_.temporaryDirectory() / stateDirectoryName_;
-  if (createStateDirectory(fallback)) {
+  std::optional<std::filesystem::path> fallback = fileManager_.temporaryDirectory();
+  *fallback /= stateDirectoryName_;
+  if (createStateDirectory(*fallback)) {
     return fallback;
   }
   return std::nullopt;
@@ -28,13 +32,16 @@ bool StateFiles::createStateDirectory(const std::filesystem::path& directory) {
 }
 
 void StateFiles::writeStateFile(std::string_view text, std::string_view name) {
-  // Resolved for every write: the container may come and go while the process runs.
-  const std::optional<std::filesystem::path> directory = stateDirectoryURL();
-  if (!directory) {
+  // Resolved for every write: the container may be granted, revoked or removed while the process
+  // runs, and each write should land wherever readers look at that moment.
+  std::optional<std::filesystem::path> file = stateDirectoryURL();
+  if (!file) {
     return;
   }
-  // A failed write leaves the old file as it was; nothing is logged or retried.
-  (void)fileManager_.writeStringAtomically(*directory / name, text);
+  *file /= name;
+  // A failed write leaves the previous file as it was; nothing is logged or retried, the next
+  // value published replaces it anyway.
+  (void)fileManager_.writeStringAtomically(*file, text);
 }
 
 }  // namespace flowmere

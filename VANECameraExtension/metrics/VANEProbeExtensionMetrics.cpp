@@ -1,5 +1,6 @@
 #include "metrics/VANEProbeExtensionMetrics.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <limits>
@@ -13,16 +14,22 @@ constexpr std::string_view kFramesReceived = "frames_received";
 constexpr std::string_view kLastFrameNumber = "last_frame_number";
 constexpr std::string_view kLatencyAverage = "latency_average_ms";
 constexpr std::string_view kExtensionStatus = "extension_status";
+constexpr std::string_view kDefaultNamespace = "camera";
+constexpr std::string_view kWaiting = "waiting";
+constexpr std::string_view kReceivedPrefix = "received ";
 
-// Decimal and "%.6f" texts formatted into a stack buffer, independent of the process locale.
+// Number texts built in a stack buffer with std::to_chars, so that neither the process locale
+// (a decimal comma) nor the heap is involved.
 class NumberText {
  public:
+  // Decimal, as "%lld" would print it.
   explicit NumberText(std::int64_t value) {
     end_ = std::to_chars(buffer_.data(), buffer_.data() + buffer_.size(), value).ptr;
   }
-  NumberText(double value, int decimals) {
-    const auto result = std::to_chars(buffer_.data(), buffer_.data() + buffer_.size(), value,
-                                      std::chars_format::fixed, decimals);
+  // Fixed notation with six decimals, as "%.6f" would print it in the "C" locale.
+  explicit NumberText(double value) {
+    const std::to_chars_result result = std::to_chars(
+        buffer_.data(), buffer_.data() + buffer_.size(), value, std::chars_format::fixed, 6);
     end_ = result.ec == std::errc() ? result.ptr : buffer_.data();
   }
   [[nodiscard]] std::string_view view() const {
@@ -30,9 +37,10 @@ class NumberText {
   }
 
  private:
-  // Wide enough for any double in fixed notation with six decimals.
-  std::array<char, 330> buffer_{};
-  char* end_ = nullptr;
+  // The longest fixed text of a double with six decimals is 317 characters: sign, 309 integer
+  // digits, point, six decimals.
+  std::array<char, 320> buffer_{};
+  char* end_ = buffer_.data();
 };
 
 }  // namespace
@@ -49,12 +57,12 @@ VANEProbeExtensionMetrics::VANEProbeExtensionMetrics(std::shared_ptr<platform::S
       lastFrameNumberKey(namespacedKey(kLastFrameNumber)),
       latencyAverageKey(namespacedKey(kLatencyAverage)),
       extensionStatusKey(namespacedKey(kExtensionStatus)) {
-  // One more than the window: a record appends before it trims.
+  // One more than the window: a record appends before it trims, and must not reallocate.
   recentLatencies.reserve(kLatencyWindow + 1);
 }
 
 std::string VANEProbeExtensionMetrics::namespacedKey(std::string_view name) const {
-  if (namespace_ == "camera") {
+  if (namespace_ == kDefaultNamespace) {
     return std::string(name);
   }
   std::string key;
@@ -63,42 +71,55 @@ std::string VANEProbeExtensionMetrics::namespacedKey(std::string_view name) cons
   return key;
 }
 
-const std::string& VANEProbeExtensionMetrics::keyFor(std::string_view name) const {
+const std::string* VANEProbeExtensionMetrics::cachedKey(std::string_view name) const {
   if (name == kFramesReceived) {
-    return framesReceivedKey;
+    return &framesReceivedKey;
   }
   if (name == kLastFrameNumber) {
-    return lastFrameNumberKey;
+    return &lastFrameNumberKey;
   }
   if (name == kLatencyAverage) {
-    return latencyAverageKey;
+    return &latencyAverageKey;
   }
-  return extensionStatusKey;
+  if (name == kExtensionStatus) {
+    return &extensionStatusKey;
+  }
+  return nullptr;
 }
 
 void VANEProbeExtensionMetrics::recordDouble(std::string_view name, double value) {
-  const bool known = name == kFramesReceived || name == kLastFrameNumber ||
-                     name == kLatencyAverage || name == kExtensionStatus;
-  const std::string computed = known ? std::string() : namespacedKey(name);
-  const std::string& key = known ? keyFor(name) : computed;
-  if (defaults) {
-    defaults->setDouble(key, value);
+  if (const std::string* key = cachedKey(name)) {
+    publishDouble(*key, value);
+  } else {
+    publishDouble(namespacedKey(name), value);
   }
-  stateFiles->writeStateFile(NumberText(value, 6).view(), key);
 }
 
 void VANEProbeExtensionMetrics::publishInteger(const std::string& key, std::int64_t value) {
   if (defaults) {
     defaults->setInteger(key, value);
   }
-  stateFiles->writeStateFile(NumberText(value).view(), key);
+  if (stateFiles) {
+    stateFiles->writeStateFile(NumberText(value).view(), key);
+  }
+}
+
+void VANEProbeExtensionMetrics::publishDouble(const std::string& key, double value) {
+  if (defaults) {
+    defaults->setDouble(key, value);
+  }
+  if (stateFiles) {
+    stateFiles->writeStateFile(NumberText(value).view(), key);
+  }
 }
 
 void VANEProbeExtensionMetrics::publishStatus(std::string_view text) {
   if (defaults) {
     defaults->setObject(extensionStatusKey, text);
   }
-  stateFiles->writeStateFile(text, extensionStatusKey);
+  if (stateFiles) {
+    stateFiles->writeStateFile(text, extensionStatusKey);
+  }
 }
 
 void VANEProbeExtensionMetrics::reset() {
@@ -106,21 +127,25 @@ void VANEProbeExtensionMetrics::reset() {
   recentLatencies.clear();  // keeps its storage
   publishInteger(framesReceivedKey, 0);
   publishInteger(lastFrameNumberKey, 0);
-  recordDouble(kLatencyAverage, 0.0);
-  publishStatus("waiting");
+  publishDouble(latencyAverageKey, 0.0);
+  publishStatus(kWaiting);
 }
 
 void VANEProbeExtensionMetrics::recordFrameReceived() {
-  // The counter stops at its largest value instead of wrapping to a negative count.
+  // The counter stops at its largest value rather than overflowing (undefined behaviour) into a
+  // negative count; at one frame per nanosecond that takes 292 years.
   if (framesReceived < std::numeric_limits<std::int64_t>::max()) {
     ++framesReceived;
   }
-  // No latency measurement reaches the recorder: every sample is 0 ms.
-  const std::size_t before = recentLatencies.size();
+
+  // No latency measurement reaches the recorder: every sample is 0 ms. The window keeps the
+  // newest kLatencyWindow samples; the storage reserved at construction holds the one extra
+  // sample between the append and the trim.
+  const std::size_t countBefore = recentLatencies.size();
   recentLatencies.push_back(0.0);
-  if (before >= kLatencyWindow) {
-    recentLatencies.erase(recentLatencies.begin(),
-                          recentLatencies.begin() + static_cast<std::ptrdiff_t>(before - 29));
+  if (countBefore >= kLatencyWindow) {
+    const auto excess = static_cast<std::ptrdiff_t>(countBefore - (kLatencyWindow - 1));
+    recentLatencies.erase(recentLatencies.begin(), recentLatencies.begin() + excess);
   }
   const double average = recentLatencies.empty() ? 0.0
                                                  : std::accumulate(recentLatencies.begin(),
@@ -128,13 +153,12 @@ void VANEProbeExtensionMetrics::recordFrameReceived() {
                                                        static_cast<double>(recentLatencies.size());
 
   publishInteger(framesReceivedKey, framesReceived);
-  recordDouble(kLatencyAverage, average);
+  publishDouble(latencyAverageKey, average);
   if (framesReceived == 1 || framesReceived % kStatusInterval == 0) {
-    std::array<char, 40> text{};
-    constexpr std::string_view kPrefix = "received ";
-    std::copy(kPrefix.begin(), kPrefix.end(), text.begin());
-    const char* end =
-        std::to_chars(text.data() + kPrefix.size(), text.data() + text.size(), framesReceived).ptr;
+    // "received " and at most 19 digits.
+    std::array<char, kReceivedPrefix.size() + 20> text{};
+    char* const digits = std::copy(kReceivedPrefix.begin(), kReceivedPrefix.end(), text.data());
+    const char* const end = std::to_chars(digits, text.data() + text.size(), framesReceived).ptr;
     publishStatus(std::string_view(text.data(), static_cast<std::size_t>(end - text.data())));
   }
 }

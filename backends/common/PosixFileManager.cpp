@@ -1,6 +1,7 @@
 #include "common/PosixFileManager.h"
 
 #include <fcntl.h>
+#include <stdlib.h>  // mkostemp
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,17 +11,43 @@
 
 namespace flowmere::common {
 
+namespace {
+
+constexpr mode_t kFileMode = 0644;
+
+// Writes all of `text`, resuming after partial writes and interrupted calls.
+bool writeAll(int descriptor, std::string_view text) {
+  std::size_t offset = 0;
+  while (offset < text.size()) {
+    const ssize_t count = ::write(descriptor, text.data() + offset, text.size() - offset);
+    if (count < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return false;
+    }
+    if (count == 0) {
+      return false;  // no progress and no error: give up rather than spin
+    }
+    offset += static_cast<std::size_t>(count);
+  }
+  return true;
+}
+
+}  // namespace
+
 PosixFileManager::PosixFileManager(std::optional<std::filesystem::path> containerParent,
                                    std::filesystem::path temporaryDirectory)
     : containerParent_(std::move(containerParent)),
       temporaryDirectory_(std::move(temporaryDirectory)) {}
 
 std::optional<std::filesystem::path> PosixFileManager::defaultContainerParent() {
-  const char* dataHome = std::getenv("XDG_DATA_HOME");
-  const char* home = std::getenv("HOME");
+  // Read once at start-up by the callers; getenv is not synchronised with setenv.
+  const char* dataHome = std::getenv("XDG_DATA_HOME");  // NOLINT(concurrency-mt-unsafe)
   if (dataHome != nullptr && *dataHome != '\0') {
     return std::filesystem::path(dataHome);
   }
+  const char* home = std::getenv("HOME");  // NOLINT(concurrency-mt-unsafe)
   if (home != nullptr && *home != '\0') {
     return std::filesystem::path(home) / ".local" / "share";
   }
@@ -34,10 +61,14 @@ PosixFileManager PosixFileManager::fromEnvironment() {
 std::optional<std::filesystem::path>
 PosixFileManager::containerURLForSecurityApplicationGroupIdentifier(
     std::string_view groupIdentifier) {
-  if (!containerParent_ || groupIdentifier.empty()) {
+  // An identifier is one path component; anything else could name a directory outside the
+  // container parent.
+  if (!containerParent_ || groupIdentifier.empty() || groupIdentifier == "." ||
+      groupIdentifier == ".." || groupIdentifier.find('/') != std::string_view::npos) {
     return std::nullopt;
   }
-  std::filesystem::path container = *containerParent_ / std::string(groupIdentifier);
+  std::filesystem::path container = *containerParent_;
+  container /= groupIdentifier;
   if (!createDirectory(container)) {
     return std::nullopt;
   }
@@ -45,6 +76,8 @@ PosixFileManager::containerURLForSecurityApplicationGroupIdentifier(
 }
 
 bool PosixFileManager::createDirectory(const std::filesystem::path& directory) {
+  // An existing directory is success; an existing file of another kind is failure. The error
+  // codes keep the filesystem library from throwing.
   std::error_code error;
   std::filesystem::create_directories(directory, error);
   return std::filesystem::is_directory(directory, error);
@@ -52,28 +85,31 @@ bool PosixFileManager::createDirectory(const std::filesystem::path& directory) {
 
 bool PosixFileManager::writeStringAtomically(const std::filesystem::path& file,
                                              std::string_view text) {
-  // The auxiliary file lives beside the target so that the rename stays within one file system.
-  std::string temporary = (file.parent_path() / ("." + file.filename().string() + ".XXXXXX"));
-  const int descriptor = ::mkstemp(temporary.data());
+  const std::filesystem::path name = file.filename();
+  if (name.empty() || name == "." || name == "..") {
+    return false;
+  }
+  // The auxiliary file lives beside the target, so that the rename stays within one file system
+  // and replaces the target in one step. The leading dot keeps it out of plain listings.
+  std::string temporary = file.parent_path().native();
+  if (!temporary.empty() && temporary.back() != '/') {
+    temporary += '/';
+  }
+  temporary.append(".").append(name.native()).append(".XXXXXX");
+
+  const int descriptor = ::mkostemp(temporary.data(), O_CLOEXEC);
   if (descriptor < 0) {
     return false;
   }
-  bool written = ::fchmod(descriptor, 0644) == 0;
-  std::size_t offset = 0;
-  while (written && offset < text.size()) {
-    const ssize_t count = ::write(descriptor, text.data() + offset, text.size() - offset);
-    if (count < 0 && errno == EINTR) {
-      continue;
-    }
-    if (count <= 0) {
-      written = false;
-      break;
-    }
-    offset += static_cast<std::size_t>(count);
+  // mkostemp creates the file with mode 0600; readers in other processes need 0644.
+  bool written = ::fchmod(descriptor, kFileMode) == 0 && writeAll(descriptor, text);
+  // On Linux the descriptor is released even when close reports EINTR, so only other errors
+  // (a deferred write error such as EIO) fail the write.
+  if (::close(descriptor) != 0 && errno != EINTR) {
+    written = false;
   }
-  // No fsync: readers need an atomic replacement, not durability across a power cut, and the
-  // files are rewritten on every frame.
-  written = ::close(descriptor) == 0 && written;
+  // No fsync: readers need an atomic replacement (all of the old or all of the new text), not
+  // durability across a power cut, and the values are rewritten on every frame.
   if (written && ::rename(temporary.c_str(), file.c_str()) == 0) {
     return true;
   }

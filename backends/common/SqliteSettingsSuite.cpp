@@ -1,8 +1,8 @@
 #include "common/SqliteSettingsSuite.h"
 
-#include <sys/stat.h>
+#include <sqlite3.h>
 
-#include <vector>
+#include <algorithm>
 
 namespace flowmere::common {
 
@@ -16,34 +16,48 @@ constexpr const char* kUpsert =
     "ON CONFLICT(key) DO UPDATE SET value = excluded.value, type = excluded.type, "
     "updated_at = excluded.updated_at";
 
+// After a failed store the writer thread waits longer each time, so that a database that stays
+// unusable (a read-only directory, a full disk) does not keep a core busy.
+constexpr std::chrono::milliseconds kFirstRetryDelay{100};
+constexpr std::chrono::milliseconds kLongestRetryDelay{5000};
+
 double unixSeconds() {
   return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
-ino_t inodeOf(const std::filesystem::path& file) {
-  struct stat status {};
-  return ::stat(file.c_str(), &status) == 0 ? status.st_ino : 0;
+bool execute(sqlite3* connection, const char* sql) {
+  return sqlite3_exec(connection, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+// Copies `source` into `target`, reusing the target string's storage when both are texts.
+void assignValue(SqliteSettingsSuite::Value& target, const SqliteSettingsSuite::Value& source) {
+  const auto* text = std::get_if<std::string>(&source);
+  auto* existing = std::get_if<std::string>(&target);
+  if (text != nullptr && existing != nullptr) {
+    existing->assign(*text);
+  } else {
+    target = source;
+  }
 }
 
 }  // namespace
 
 std::shared_ptr<SqliteSettingsSuite> SqliteSettingsSuite::open(
     const std::filesystem::path& databaseFile, std::chrono::milliseconds flushDelay) {
-  std::error_code error;
-  std::filesystem::create_directories(databaseFile.parent_path(), error);
-  auto suite = std::make_shared<SqliteSettingsSuite>(databaseFile, flushDelay);
-  {
-    const std::scoped_lock lock(suite->databaseMutex_);
-    if (!suite->openDatabase()) {
-      return nullptr;
+  try {
+    std::shared_ptr<SqliteSettingsSuite> suite(new SqliteSettingsSuite(databaseFile, flushDelay));
+    {
+      const platform::Locker lock(suite->databaseMutex_);
+      if (!suite->openDatabase()) {
+        return nullptr;
+      }
     }
+    suite->writer_ = std::thread([raw = suite.get()] { raw->runWriter(); });
+    return suite;
+  } catch (...) {
+    // No memory or no thread: the callers run without a settings suite.
+    return nullptr;
   }
-  // Start from what the group has stored already, as the platform's settings do.
-  for (auto& [key, value] : readAll(databaseFile)) {
-    suite->cache_.emplace(key, Entry{std::move(value), false});
-  }
-  suite->writer_ = std::thread([raw = suite.get()] { raw->runWriter(); });
-  return suite;
 }
 
 std::map<std::string, SqliteSettingsSuite::Value> SqliteSettingsSuite::readAll(
@@ -52,31 +66,43 @@ std::map<std::string, SqliteSettingsSuite::Value> SqliteSettingsSuite::readAll(
   sqlite3* connection = nullptr;
   if (sqlite3_open_v2(databaseFile.c_str(), &connection, SQLITE_OPEN_READONLY, nullptr) !=
       SQLITE_OK) {
-    sqlite3_close(connection);
+    sqlite3_close_v2(connection);
     return values;
   }
-  sqlite3_busy_timeout(connection, 2000);
+  sqlite3_busy_timeout(connection, static_cast<int>(kBusyTimeout.count()));
   sqlite3_stmt* statement = nullptr;
   if (sqlite3_prepare_v2(connection, "SELECT key, value FROM settings", -1, &statement, nullptr) ==
       SQLITE_OK) {
-    while (sqlite3_step(statement) == SQLITE_ROW) {
-      const std::string key(reinterpret_cast<const char*>(sqlite3_column_text(statement, 0)));
-      switch (sqlite3_column_type(statement, 1)) {
-        case SQLITE_INTEGER:
-          values[key] = static_cast<std::int64_t>(sqlite3_column_int64(statement, 1));
-          break;
-        case SQLITE_FLOAT:
-          values[key] = sqlite3_column_double(statement, 1);
-          break;
-        default: {
-          const auto* text = sqlite3_column_text(statement, 1);
-          values[key] = std::string(text != nullptr ? reinterpret_cast<const char*>(text) : "");
+    try {
+      while (sqlite3_step(statement) == SQLITE_ROW) {
+        const auto* keyText = reinterpret_cast<const char*>(sqlite3_column_text(statement, 0));
+        std::string key(keyText != nullptr ? keyText : "",
+                        static_cast<std::size_t>(sqlite3_column_bytes(statement, 0)));
+        switch (sqlite3_column_type(statement, 1)) {
+          case SQLITE_INTEGER:
+            values[std::move(key)] = static_cast<std::int64_t>(sqlite3_column_int64(statement, 1));
+            break;
+          case SQLITE_FLOAT:
+            values[std::move(key)] = sqlite3_column_double(statement, 1);
+            break;
+          case SQLITE_TEXT:
+          case SQLITE_BLOB: {
+            const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, 1));
+            values[std::move(key)] =
+                std::string(text != nullptr ? text : "",
+                            static_cast<std::size_t>(sqlite3_column_bytes(statement, 1)));
+            break;
+          }
+          default:  // NULL: no value to report
+            break;
         }
       }
+    } catch (...) {
+      values.clear();
     }
   }
   sqlite3_finalize(statement);
-  sqlite3_close(connection);
+  sqlite3_close_v2(connection);
   return values;
 }
 
@@ -86,33 +112,47 @@ SqliteSettingsSuite::SqliteSettingsSuite(std::filesystem::path databaseFile,
 
 SqliteSettingsSuite::~SqliteSettingsSuite() {
   {
-    const std::scoped_lock lock(cacheMutex_);
+    const platform::Locker lock(cacheMutex_);
     stopping_ = true;
   }
   wake_.notify_all();
-  if (writer_.joinable()) {
-    writer_.join();
+  // join and the directory re-creation in storePending throw only for want of resources; the
+  // destructor must not throw, so what is pending is lost then.
+  try {
+    if (writer_.joinable()) {
+      writer_.join();  // before taking databaseMutex_, which the writer thread may be waiting for
+    }
+  } catch (...) {
   }
-  flush();
-  const std::scoped_lock lock(databaseMutex_);
+  const platform::Locker lock(databaseMutex_);
+  try {
+    storePending();
+  } catch (...) {
+  }
   closeDatabase();
 }
 
 template <typename Assign>
 void SqliteSettingsSuite::write(std::string_view key, Assign assign) {
-  bool wasIdle = false;
-  {
-    const std::scoped_lock lock(cacheMutex_);
+  bool firstPending = false;
+  try {
+    const platform::Locker lock(cacheMutex_);
+    // Heterogeneous lookup: a key already known costs no allocation.
     auto found = cache_.find(key);
     if (found == cache_.end()) {
-      found = cache_.emplace(std::string(key), Entry{}).first;
+      found = cache_.try_emplace(std::string(key)).first;
     }
     assign(found->second.value);
     found->second.pending = true;
-    wasIdle = !anyPending_;
+    firstPending = !anyPending_;
     anyPending_ = true;
+  } catch (...) {
+    // Out of memory for a new key or a longer text: the write is dropped, the cache keeps its
+    // previous value. The interface has no way to report it.
+    return;
   }
-  if (wasIdle) {
+  // The writer thread waits only while nothing is pending; later writes need not wake it.
+  if (firstPending) {
     wake_.notify_one();
   }
 }
@@ -137,8 +177,8 @@ void SqliteSettingsSuite::setObject(std::string_view key, std::string_view value
 
 std::optional<SqliteSettingsSuite::Value> SqliteSettingsSuite::valueForKey(
     std::string_view key) const {
-  const std::scoped_lock lock(cacheMutex_);
-  auto found = cache_.find(key);
+  const platform::Locker lock(cacheMutex_);
+  const auto found = cache_.find(key);
   if (found == cache_.end()) {
     return std::nullopt;
   }
@@ -146,115 +186,190 @@ std::optional<SqliteSettingsSuite::Value> SqliteSettingsSuite::valueForKey(
 }
 
 bool SqliteSettingsSuite::flush() {
-  const std::scoped_lock lock(databaseMutex_);
+  const platform::Locker lock(databaseMutex_);
   return storePending();
 }
 
 bool SqliteSettingsSuite::openDatabase() {
-  if (sqlite3_open_v2(databaseFile_.c_str(), &database_,
+  // The directory may be missing at the first open or removed since.
+  std::error_code error;
+  if (const std::filesystem::path parent = databaseFile_.parent_path(); !parent.empty()) {
+    std::filesystem::create_directories(parent, error);
+  }
+  sqlite3* connection = nullptr;
+  // The connection is only ever used under databaseMutex_, so SQLite's own mutex is not needed.
+  if (sqlite3_open_v2(databaseFile_.c_str(), &connection,
                       SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                       nullptr) != SQLITE_OK) {
-    closeDatabase();
+    sqlite3_close_v2(connection);
     return false;
   }
-  sqlite3_busy_timeout(database_, 2000);
-  sqlite3_exec(database_, "PRAGMA journal_mode=WAL", nullptr, nullptr, nullptr);
-  if (sqlite3_exec(database_, kSchema, nullptr, nullptr, nullptr) != SQLITE_OK) {
-    closeDatabase();
+  sqlite3_busy_timeout(connection, static_cast<int>(kBusyTimeout.count()));
+  // WAL lets readers in other processes read while the writer thread stores. Where WAL cannot be
+  // used the database stays in its previous journal mode, which still works, so the result is
+  // not checked; a file that is not a database fails at the schema below.
+  execute(connection, "PRAGMA journal_mode=WAL");
+  // In WAL mode NORMAL loses at most the last stores on a power cut, never consistency.
+  execute(connection, "PRAGMA synchronous=NORMAL");
+  if (!execute(connection, kSchema)) {
+    sqlite3_close_v2(connection);
     return false;
   }
-  databaseInode_ = inodeOf(databaseFile_);
+  database_ = connection;
   return true;
 }
 
 void SqliteSettingsSuite::closeDatabase() {
-  if (database_ != nullptr) {
-    sqlite3_close_v2(database_);
-    database_ = nullptr;
-  }
+  sqlite3_finalize(upsert_);
+  upsert_ = nullptr;
+  sqlite3_close_v2(database_);
+  database_ = nullptr;
 }
 
-bool SqliteSettingsSuite::storePending() {
-  // A file deleted (or replaced) underneath is opened, and so created, afresh.
-  if (database_ == nullptr || inodeOf(databaseFile_) != databaseInode_) {
-    closeDatabase();
-    if (!openDatabase()) {
-      return false;
-    }
-    // The new file holds nothing yet: store every value again.
-    const std::scoped_lock lock(cacheMutex_);
-    for (auto& [key, entry] : cache_) {
-      entry.pending = true;
-    }
-    anyPending_ = !cache_.empty();
+bool SqliteSettingsSuite::databaseHasMoved() {
+  // SQLite compares the inode it has open with the one now at the path (a missing path counts as
+  // moved). The open descriptor keeps the old inode alive, so its number cannot be reused by a
+  // new file in the meantime.
+  int moved = 0;
+  if (sqlite3_file_control(database_, "main", SQLITE_FCNTL_HAS_MOVED, &moved) != SQLITE_OK) {
+    return false;
   }
+  return moved != 0;
+}
 
-  std::vector<std::pair<std::string, Value>> batch;
-  {
-    const std::scoped_lock lock(cacheMutex_);
-    if (!anyPending_) {
-      return true;
-    }
-    for (auto& [key, entry] : cache_) {
-      if (entry.pending) {
-        batch.emplace_back(key, entry.value);
-        entry.pending = false;
-      }
-    }
-    anyPending_ = false;
+std::size_t SqliteSettingsSuite::takePending() {
+  const platform::Locker lock(cacheMutex_);
+  if (!anyPending_) {
+    return 0;
   }
+  std::size_t count = 0;
+  for (auto& [key, entry] : cache_) {
+    if (!entry.pending) {
+      continue;
+    }
+    if (count == batch_.size()) {
+      batch_.emplace_back();
+    }
+    Row& row = batch_[count++];
+    row.key.assign(key);
+    assignValue(row.value, entry.value);
+    entry.pending = false;
+  }
+  anyPending_ = false;
+  return count;
+}
 
-  bool stored = sqlite3_exec(database_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK;
-  sqlite3_stmt* statement = nullptr;
-  stored = stored && sqlite3_prepare_v2(database_, kUpsert, -1, &statement, nullptr) == SQLITE_OK;
+bool SqliteSettingsSuite::writeRows(std::size_t count) {
+  if (upsert_ == nullptr && sqlite3_prepare_v3(database_, kUpsert, -1, SQLITE_PREPARE_PERSISTENT,
+                                               &upsert_, nullptr) != SQLITE_OK) {
+    return false;
+  }
+  // IMMEDIATE takes the write lock at once, so a busy database fails here (after kBusyTimeout)
+  // rather than halfway through the rows.
+  if (!execute(database_, "BEGIN IMMEDIATE")) {
+    return false;
+  }
+  // Another process may have dropped the table since the connection was opened.
+  bool stored = execute(database_, kSchema);
   const double now = unixSeconds();
-  for (std::size_t i = 0; stored && i < batch.size(); ++i) {
-    const auto& [key, value] = batch[i];
-    sqlite3_bind_text(statement, 1, key.c_str(), static_cast<int>(key.size()), SQLITE_STATIC);
-    if (const auto* integer = std::get_if<std::int64_t>(&value)) {
-      sqlite3_bind_int64(statement, 2, *integer);
-      sqlite3_bind_text(statement, 3, "integer", -1, SQLITE_STATIC);
-    } else if (const auto* real = std::get_if<double>(&value)) {
-      sqlite3_bind_double(statement, 2, *real);
-      sqlite3_bind_text(statement, 3, "double", -1, SQLITE_STATIC);
+  for (std::size_t i = 0; stored && i < count; ++i) {
+    const Row& row = batch_[i];
+    sqlite3_bind_text(upsert_, 1, row.key.data(), static_cast<int>(row.key.size()), SQLITE_STATIC);
+    if (const auto* integer = std::get_if<std::int64_t>(&row.value)) {
+      sqlite3_bind_int64(upsert_, 2, *integer);
+      sqlite3_bind_text(upsert_, 3, "integer", -1, SQLITE_STATIC);
+    } else if (const auto* real = std::get_if<double>(&row.value)) {
+      sqlite3_bind_double(upsert_, 2, *real);
+      sqlite3_bind_text(upsert_, 3, "double", -1, SQLITE_STATIC);
     } else {
-      const auto& text = std::get<std::string>(value);
-      sqlite3_bind_text(statement, 2, text.c_str(), static_cast<int>(text.size()), SQLITE_STATIC);
-      sqlite3_bind_text(statement, 3, "string", -1, SQLITE_STATIC);
+      const std::string& text = std::get<std::string>(row.value);
+      sqlite3_bind_text(upsert_, 2, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
+      sqlite3_bind_text(upsert_, 3, "string", -1, SQLITE_STATIC);
     }
-    sqlite3_bind_double(statement, 4, now);
-    stored = sqlite3_step(statement) == SQLITE_DONE;
-    sqlite3_reset(statement);
+    sqlite3_bind_double(upsert_, 4, now);
+    stored = sqlite3_step(upsert_) == SQLITE_DONE;
+    sqlite3_reset(upsert_);
   }
-  sqlite3_finalize(statement);
-  stored = stored && sqlite3_exec(database_, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
+  // The bound texts point into batch_; drop them before the rows are reused.
+  sqlite3_clear_bindings(upsert_);
+  stored = stored && execute(database_, "COMMIT");
   if (!stored) {
-    sqlite3_exec(database_, "ROLLBACK", nullptr, nullptr, nullptr);
-    // Keep the batch pending (unless written again meanwhile) and try again later.
-    const std::scoped_lock lock(cacheMutex_);
-    for (const auto& [key, value] : batch) {
-      cache_[key].pending = true;
-    }
-    anyPending_ = true;
+    execute(database_, "ROLLBACK");
   }
   return stored;
 }
 
+bool SqliteSettingsSuite::storePending() {
+  // A file deleted or replaced underneath (or a connection lost to an earlier failure) is opened,
+  // and so created, afresh; it holds none of this suite's values, so all of them are stored.
+  if (database_ == nullptr || databaseHasMoved()) {
+    closeDatabase();
+    if (!openDatabase()) {
+      return false;
+    }
+    const platform::Locker lock(cacheMutex_);
+    for (auto& [key, entry] : cache_) {
+      entry.pending = true;
+    }
+    anyPending_ = anyPending_ || !cache_.empty();
+  }
+
+  std::size_t count = 0;
+  try {
+    count = takePending();
+  } catch (...) {
+    return false;  // no memory for the batch: the keys not yet copied stay pending
+  }
+  if (count == 0) {
+    return true;
+  }
+  if (writeRows(count)) {
+    rowsStored_.fetch_add(count, std::memory_order_relaxed);
+    return true;
+  }
+  // Pending again (a key written meanwhile already is), for the next store.
+  const platform::Locker lock(cacheMutex_);
+  for (std::size_t i = 0; i < count; ++i) {
+    const auto found = cache_.find(batch_[i].key);
+    if (found != cache_.end()) {
+      found->second.pending = true;
+    }
+  }
+  anyPending_ = true;
+  return false;
+}
+
 void SqliteSettingsSuite::runWriter() {
-  std::unique_lock lock(cacheMutex_);
-  while (!stopping_) {
-    wake_.wait(lock, [this] { return anyPending_ || stopping_; });
-    if (stopping_) {
-      break;
-    }
-    // Let repeated writes of the same keys gather into one store.
-    wake_.wait_for(lock, flushDelay_, [this] { return stopping_; });
-    lock.unlock();
+  std::chrono::milliseconds retryDelay{0};
+  for (;;) {
     {
-      const std::scoped_lock database(databaseMutex_);
-      storePending();
+      const platform::Locker lock(cacheMutex_);
+      while (!anyPending_ && !stopping_) {
+        wake_.wait(cacheMutex_);
+      }
+      // Let repeated writes of the same keys gather into one store (or, after a failed store,
+      // give the other process time to finish).
+      const auto deadline = std::chrono::steady_clock::now() + std::max(flushDelay_, retryDelay);
+      while (!stopping_ && wake_.wait_until(cacheMutex_, deadline) == std::cv_status::no_timeout) {
+      }
+      if (stopping_) {
+        return;  // the destructor stores what is pending
+      }
     }
-    lock.lock();
+    bool stored = false;
+    {
+      const platform::Locker lock(databaseMutex_);
+      try {
+        stored = storePending();
+      } catch (...) {
+        // Out of memory while reopening: treated as a failed store, tried again later.
+      }
+    }
+    if (stored) {
+      retryDelay = std::chrono::milliseconds(0);
+    } else {
+      retryDelay = std::clamp(retryDelay * 2, kFirstRetryDelay, kLongestRetryDelay);
+    }
   }
 }
 
