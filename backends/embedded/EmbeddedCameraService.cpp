@@ -469,20 +469,31 @@ std::shared_ptr<platform::SettingsSuite> EmbeddedCameraService::openSettingsSuit
   }
   const std::filesystem::path database =
       common::SqliteSettingsSuite::defaultDatabaseFile(*container);
-  const platform::Locker lock(mutex_);
-  std::shared_ptr<SharedSettingsStore>& shared = settingsStores_[database];
-  if (!shared) {
-    std::shared_ptr<platform::SettingsSuite> store;
-    if (options_.settings == EmbeddedOptions::Settings::kSqlite) {
-      store = common::SqliteSettingsSuite::open(database);
-    } else {
-      store = std::make_shared<MemorySettingsSuite>();
+  {
+    const platform::Locker lock(mutex_);
+    if (auto found = settingsStores_.find(database); found != settingsStores_.end()) {
+      return std::make_shared<SettingsHandle>(found->second);
     }
-    if (!store) {
-      settingsStores_.erase(database);
-      return nullptr;
+  }
+  // Opened outside the lock: opening does file and database work.
+  std::shared_ptr<platform::SettingsSuite> store;
+  if (options_.settings == EmbeddedOptions::Settings::kSqlite) {
+    store = common::SqliteSettingsSuite::open(database);
+  } else {
+    store = std::make_shared<MemorySettingsSuite>();
+  }
+  if (!store) {
+    return nullptr;
+  }
+  std::shared_ptr<SharedSettingsStore> shared;
+  {
+    const platform::Locker lock(mutex_);
+    // Another opener may have won the race; every handle must share one store.
+    auto [entry, inserted] = settingsStores_.try_emplace(database, nullptr);
+    if (inserted) {
+      entry->second = std::make_shared<SharedSettingsStore>(*this, std::move(store));
     }
-    shared = std::make_shared<SharedSettingsStore>(*this, std::move(store));
+    shared = entry->second;
   }
   return std::make_shared<SettingsHandle>(shared);
 }
