@@ -1,6 +1,7 @@
 #include "sink/VANEProbeSinkStream.h"
 
 #include <cmath>
+#include <thread>
 
 #include "HostTime.h"
 #include "formats/FormatCatalogue.h"
@@ -42,6 +43,16 @@ VANEProbeSinkStream::VANEProbeSinkStream(std::shared_ptr<platform::Platform> pla
 
 void VANEProbeSinkStream::log(const std::string& message) {
   logStreamEvent(platform->log(), message);
+}
+
+std::shared_ptr<const platform::Client> VANEProbeSinkStream::selectedClient() {
+  const Locker lock(clientLock);
+  return client;
+}
+
+void VANEProbeSinkStream::setSelectedClient(std::shared_ptr<const platform::Client> newClient) {
+  const Locker lock(clientLock);
+  client = std::move(newClient);
 }
 
 std::string VANEProbeSinkStream::clientSummary() const {
@@ -120,7 +131,7 @@ platform::Status VANEProbeSinkStream::setStreamProperties(
 
 bool VANEProbeSinkStream::authorizedToStartStreamForClient(
     const std::shared_ptr<const platform::Client>& newClient) {
-  client.store(newClient);
+  setSelectedClient(newClient);
   log("sink authorizedToStartStream client=" + (newClient ? newClient->description() : "nil") +
       " clients=" + clientSummary());
   return true;
@@ -139,19 +150,21 @@ platform::Status VANEProbeSinkStream::startStream() {
     }
   }
 
+  // A new chain: steps of any earlier chain still in flight find their generation stale. The
+  // generation changes before isConsuming turns true, so a step that sees the new flag also sees
+  // the new generation.
+  const std::uint64_t generation = chainGeneration.fetch_add(1) + 1;
   isConsuming.store(true);
   timelineAnchorPTS.reset();
   timelineAnchorHostSeconds.reset();
   lastProducerPTS.reset();
-  // A new chain: steps of any earlier chain still in flight find their generation stale.
-  const std::uint64_t generation = chainGeneration.fetch_add(1) + 1;
 
-  std::shared_ptr<const platform::Client> selected = client.load();
+  std::shared_ptr<const platform::Client> selected = selectedClient();
   if (!selected) {
     const auto streaming = stream->streamingClients();
     if (!streaming.empty()) {
       selected = streaming.front();
-      client.store(selected);
+      setSelectedClient(selected);
     }
   }
   log("sink startStream started=true clients=" + clientSummary() +
@@ -171,11 +184,17 @@ platform::Status VANEProbeSinkStream::stopStream() {
   const Locker lock(formatLock);
   log("sink stopStream started=false clients=" + clientSummary());
   isConsuming.store(false);
+  // A delivery that passed its chain check before the line above may still be running on the
+  // consume queue; every later one ends at its check. Waiting holds no lock the delivery needs:
+  // the frame path never takes the sink's formatLock.
+  while (deliveriesInFlight.load() > 0) {
+    std::this_thread::yield();
+  }
   if (auto source = sourceStream.lock()) {
     source->clearProducerFormatIndex();
   }
   metrics->setStatus("sink stopped");
-  client.store(nullptr);
+  setSelectedClient(nullptr);
   return platform::Status::success();
 }
 
@@ -206,7 +225,7 @@ void VANEProbeSinkStream::requestNextSampleBuffer(std::uint64_t generation) {
   if (!isCurrentChain(generation)) {
     return;
   }
-  const std::shared_ptr<const platform::Client> producer = client.load();
+  const std::shared_ptr<const platform::Client> producer = selectedClient();
   if (!producer) {
     return;
   }
@@ -316,11 +335,17 @@ void VANEProbeSinkStream::scheduleDelivery(std::uint64_t generation,
   consumeQueue->asyncAfter(deadline, [weakSelf = weak_from_this(), generation,
                                       buffer = std::move(sampleBuffer), sequenceNumber] {
     auto self = weakSelf.lock();
-    if (!self || !self->isCurrentChain(generation)) {
-      return;  // stopped (or restarted) meanwhile: the buffer is dropped undelivered
+    if (!self) {
+      return;
     }
-    self->deliverSampleBuffer(buffer, sequenceNumber);
-    self->requestNextSampleBuffer(generation);
+    // Counted before the check, so that a stop either sees this delivery or it sees the stop.
+    self->deliveriesInFlight.fetch_add(1);
+    if (self->isCurrentChain(generation)) {
+      self->deliverSampleBuffer(buffer, sequenceNumber);
+      self->requestNextSampleBuffer(generation);
+    }
+    // Otherwise stopped (or restarted) meanwhile: the buffer is dropped undelivered.
+    self->deliveriesInFlight.fetch_sub(1);
   });
 }
 
@@ -328,7 +353,7 @@ void VANEProbeSinkStream::deliverSampleBuffer(
     const std::shared_ptr<platform::SampleBuffer>& sampleBuffer, std::uint64_t sequenceNumber) {
   metrics->recordFrameReceived();
   if (auto source = sourceStream.lock()) {
-    const std::shared_ptr<const platform::Client> producer = client.load();
+    const std::shared_ptr<const platform::Client> producer = selectedClient();
     source->publishTimelineMetadata(sampleBuffer->presentationTimeStamp(),
                                     producer ? producer->pid() : -1);
   }
@@ -346,7 +371,7 @@ VANEProbeSinkStream::Snapshot VANEProbeSinkStream::snapshot() {
     result.storedFormatIndex = storedFormatIndex;
   }
   result.isConsuming = isConsuming.load();
-  result.client = client.load();
+  result.client = selectedClient();
   result.emptyPolls = emptyPolls.load(std::memory_order_relaxed);
   result.receivedFrames = receivedFrames.load(std::memory_order_relaxed);
   result.timelineAnchorPTS = timelineAnchorPTS;

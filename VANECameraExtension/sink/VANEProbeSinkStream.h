@@ -17,14 +17,16 @@
 // platform's consume completions: request -> answer -> (retry | paced delivery) -> request.
 // A chain has at most one request or delivery outstanding. Each start begins a new chain with a
 // new generation; every step of an older chain finds its generation stale and ends, so a quick
-// stop/start never leaves two chains running and no buffer of an old chain is delivered.
+// stop/start never leaves two chains running. Stop also waits for a delivery that is already
+// running to finish, so no buffer of the stopped chain is delivered once stop has returned.
 //
 // Threading:
 // - Platform calls arrive on any platform thread. `formatLock` (recursive) guards
 //   storedFormatIndex and makes set, start and stop mutually exclusive; start and stop call the
 //   source stream (its formatLock or stateLock) and the metrics recorder while holding it.
-// - isConsuming, client and chainGeneration are written under formatLock (client also by
-//   authorisation) and read by the loop without it; they are atomics so those reads are defined.
+// - isConsuming and chainGeneration are written under formatLock and read by the loop without
+//   it, as atomics. `client` is written by authorisation, start and stop and read by the loop;
+//   its own small `clientLock` covers only the pointer copy.
 // - The loop's counters and pacing anchors carry no lock: only the current chain touches them,
 //   one step at a time. `handleConsumeResult`/`scheduleDelivery` run on the queue the platform
 //   completes on; requests and deliveries on the consume queue.
@@ -133,6 +135,8 @@ class VANEProbeSinkStream final : public platform::StreamSource,
 
  private:
   void log(const std::string& message);
+  [[nodiscard]] std::shared_ptr<const platform::Client> selectedClient() EXCLUDES(clientLock);
+  void setSelectedClient(std::shared_ptr<const platform::Client> newClient) EXCLUDES(clientLock);
   [[nodiscard]] bool isCurrentChain(std::uint64_t generation) const;
   void dispatchRequest(std::uint64_t generation);
   void dispatchRequestAfter(std::chrono::nanoseconds delay, std::uint64_t generation);
@@ -148,9 +152,17 @@ class VANEProbeSinkStream final : public platform::StreamSource,
   platform::RecursiveMutex formatLock;
   std::int64_t storedFormatIndex GUARDED_BY(formatLock) = 0;
 
-  // Written under formatLock (client also by authorisation, without it); read by the loop.
-  std::atomic<std::shared_ptr<const platform::Client>> client;
+  // The selected producer. Written by authorisation, start and stop, read by the loop. A pointer
+  // copy is not atomic in C++, so `clientLock` is held just for the copy or the assignment, and
+  // never while anything is called.
+  platform::Mutex clientLock;
+  std::shared_ptr<const platform::Client> client GUARDED_BY(clientLock);
+  // Written under formatLock; read by the loop without it.
   std::atomic<bool> isConsuming{false};
+  // Delivery work items between their chain check and their end. Stop waits for it to reach
+  // zero, so that no delivery of the stopped chain is still running when stop returns and the
+  // next start's metrics reset cannot overlap one.
+  std::atomic<int> deliveriesInFlight{0};
   std::atomic<std::uint64_t> chainGeneration{0};
 
   // Loop state: only the current chain touches these, one step at a time. The counters are
