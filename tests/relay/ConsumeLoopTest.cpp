@@ -127,6 +127,34 @@ TEST_F(ConsumeLoopTest, ErrorsAreRetriedAtOnceAndWrongSizesKeepThePollCount) {
   EXPECT_TRUE(harness.sent.empty());
 }
 
+// The received-frame count belongs to the sink, not to one run of it.
+TEST_F(ConsumeLoopTest, ReceivedCadenceContinuesAcrossStopAndStart) {
+  int pushed = 0;
+  const auto pixels = ExtensionHarness::makeFrameForFormat(0, {})->imageBuffer();
+  auto feed = [&](int count) {
+    for (int k = 0; k < count; ++k, ++pushed) {
+      harness.advanceBy(1.0 / 30);
+      harness.push(producer,
+                   std::make_shared<platform::SampleBuffer>(
+                       pixels, std::nullopt,
+                       platform::SampleTimingInfo{{}, MediaTime::make(pushed, 30), {}}),
+                   static_cast<std::uint64_t>(pushed + 1));
+    }
+    harness.advanceBy(0.1);
+  };
+  ASSERT_TRUE(harness.startProducer(producer).ok());
+  feed(200);
+  ASSERT_TRUE(harness.sinkPlatformStream().stop().ok());
+  ASSERT_TRUE(harness.startProducer(producer).ok());
+  feed(100);
+  const auto received = harness.logsStartingWith("sink received frame=");
+  ASSERT_EQ(received.size(), 2U);
+  EXPECT_EQ(received[1].rfind("[VANE-EXT] sink received frame=300 sequence=300 ", 0), 0U);
+  EXPECT_EQ(harness.sink().snapshot().receivedFrames, 300U);
+  // The recorder, reset by the second start, counts only that run.
+  EXPECT_EQ(harness.readStateFile("bridge_frames_received"), "100");
+}
+
 TEST_F(ConsumeLoopTest, StopWithAPendingDeliveryDropsIt) {
   ASSERT_TRUE(harness.startProducer(producer).ok());
   harness.push(producer, ExtensionHarness::makeFrameForFormat(0, seconds(0.0)), 1);
