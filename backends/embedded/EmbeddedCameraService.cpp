@@ -182,8 +182,11 @@ void EmbeddedStream::consumeSampleBufferFromClient(
       hasMore = !found->second.empty();
     }
   }
-  service_.dispatchCompletion([completion = std::move(completion), buffer = std::move(buffer),
+  pendingConsumeRequests_->fetch_add(1);
+  service_.dispatchCompletion([pending = pendingConsumeRequests_,
+                               completion = std::move(completion), buffer = std::move(buffer),
                                sequenceNumber, hasMore, error = std::move(error)]() mutable {
+    pending->fetch_sub(1);
     completion(std::move(buffer), sequenceNumber,
                platform::CMIOExtensionStreamDiscontinuityFlagNone, hasMore, std::move(error));
   });

@@ -22,6 +22,7 @@
 // `mutex_` guards the registry, the clients, the producer queues, the subscribers and the fault
 // switches; it is never held while calling into the extension or a subscriber.
 
+#include <atomic>
 #include <deque>
 #include <filesystem>
 #include <functional>
@@ -112,6 +113,8 @@ class EmbeddedStream final : public platform::Stream {
             std::shared_ptr<platform::SampleBuffer> buffer, std::uint64_t sequenceNumber);
   // Buffers waiting in this stream's queues.
   [[nodiscard]] std::size_t queuedBufferCount() const;
+  // Consume requests whose completion has not run yet.
+  [[nodiscard]] int pendingConsumeRequests() const { return pendingConsumeRequests_->load(); }
 
   static constexpr std::size_t kProducerQueueCapacity = 3;
 
@@ -129,6 +132,9 @@ class EmbeddedStream final : public platform::Stream {
   mutable platform::Mutex mutex_;
   std::vector<std::shared_ptr<const platform::Client>> streamingClients_ GUARDED_BY(mutex_);
   std::map<platform::Uuid, std::deque<Queued>> producerQueues_ GUARDED_BY(mutex_);
+  // Shared with the completions in flight, which may outlive the stream at shutdown.
+  const std::shared_ptr<std::atomic<int>> pendingConsumeRequests_ =
+      std::make_shared<std::atomic<int>>(0);
 };
 
 class EmbeddedDevice final : public platform::Device {

@@ -1,6 +1,8 @@
 #include "ScriptRunner.h"
 
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <istream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -231,7 +233,8 @@ std::vector<Action> readScript(std::istream& script) {
     action.line = line;
     try {
       action.fields = nlohmann::json::parse(text);
-    } catch (const nlohmann::json::parse_error& error) {
+    } catch (const nlohmann::json::exception& error) {
+      // Syntax errors, and numbers too large for a double (out of range) alike.
       throw ScriptError{"line " + std::to_string(line) + ": not JSON: " + error.what()};
     }
     try {
@@ -342,10 +345,13 @@ class Runner {
     service_->startService(provider_->platformProvider());
   }
 
-  void run(const std::vector<Action>& actions) {
+  void run(const std::vector<Action>& actions, bool checkInvariants) {
     for (const Action& action : actions) {
       advanceTo(action.at);
       perform(action);
+      if (checkInvariants) {
+        checkRelayInvariants(action);
+      }
     }
     // Work due at exactly the last action's time runs before the end.
     service_->executor()->runUntilIdle();
@@ -627,7 +633,34 @@ class Runner {
     emit("available", Json{{"target", target}, {"names", Json(names)}});
   }
 
+  void checkRelayInvariants(const Action& action) {
+    auto& device = *provider_->devices().front();
+    const auto source = device.source()->snapshot();
+    const auto sink = device.sink()->snapshot();
+    const char* broken = nullptr;
+    if (source.storedFormatIndex < 0 || source.storedFormatIndex >= 10 ||
+        sink.storedFormatIndex < 0 || sink.storedFormatIndex >= 10) {
+      broken = "a stored format index is outside the catalogue";
+    } else if (source.producerFormatIndex &&
+               *source.producerFormatIndex != source.storedFormatIndex) {
+      broken = "the source's index differs from the producer's pin";
+    } else if (sink.receivedFrames < lastReceived_ || source.sentFrameCount < lastSent_) {
+      broken = "a frame count went back";
+    } else if (service_->sinkStream()->pendingConsumeRequests() > 1) {
+      broken = "more than one consume request is outstanding";
+    }
+    if (broken != nullptr) {
+      std::fprintf(stderr, "invariant broken after line %zu (%s): %s\n", action.line,
+                   action.verb.c_str(), broken);
+      std::abort();
+    }
+    lastReceived_ = sink.receivedFrames;
+    lastSent_ = source.sentFrameCount;
+  }
+
   std::ostream& out_;
+  std::uint64_t lastReceived_ = 0;
+  std::uint64_t lastSent_ = 0;
   std::shared_ptr<embedded::EmbeddedCameraService> service_;
   std::shared_ptr<VANEProbeExtensionProviderSource> provider_;
   std::map<std::string, std::shared_ptr<const platform::Client>> clients_;
@@ -638,6 +671,15 @@ class Runner {
 };
 
 }  // namespace
+
+std::optional<std::string> validateScript(std::istream& script) {
+  try {
+    readScript(script);
+  } catch (const ScriptError& error) {
+    return error.message;
+  }
+  return std::nullopt;
+}
 
 int runScript(std::istream& script, const std::string& scriptName, const ScriptOptions& options,
               std::ostream& out, std::ostream& errors) {
@@ -650,7 +692,7 @@ int runScript(std::istream& script, const std::string& scriptName, const ScriptO
   }
   try {
     Runner runner(options, out);
-    runner.run(actions);
+    runner.run(actions, options.checkInvariants);
   } catch (const ScriptError& error) {
     out.flush();
     errors << "flowmere-camera-sim: " << scriptName << ": " << error.message << '\n';

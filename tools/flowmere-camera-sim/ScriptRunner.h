@@ -15,7 +15,15 @@ struct ScriptOptions {
   std::optional<std::filesystem::path> container;
   bool noContainer = false;
   std::filesystem::path temporaryDirectory = "/tmp";
+  // After every action, check the relay's invariants and abort with a message on stderr when one
+  // breaks (for fuzzing): both stored format indices are valid; while the producer pins the
+  // source, the source's index equals the pin; the sink's received count and the source's sent
+  // count never go back; no more than one consume request is outstanding.
+  bool checkInvariants = false;
 };
+
+// Checks a script without running it. Returns the error ("line N: reason"), or none.
+std::optional<std::string> validateScript(std::istream& script);
 
 // Runs the script read from `script` (named `scriptName` in error messages), writing events to
 // `out`. Returns 0, or 2 after writing "<name>:<line>: <reason>" to `errors` for a malformed
