@@ -85,17 +85,21 @@ bool PosixFileManager::createDirectory(const std::filesystem::path& directory) {
 
 bool PosixFileManager::writeStringAtomically(const std::filesystem::path& file,
                                              std::string_view text) {
-  const std::filesystem::path name = file.filename();
+  // Split the target's text at its last slash instead of through path objects, and build the
+  // auxiliary name in a buffer each thread keeps: state files are written on every frame.
+  const std::string& target = file.native();
+  const std::size_t slash = target.rfind('/');
+  const std::string_view name = slash == std::string::npos
+                                    ? std::string_view(target)
+                                    : std::string_view(target).substr(slash + 1);
   if (name.empty() || name == "." || name == "..") {
     return false;
   }
   // The auxiliary file lives beside the target, so that the rename stays within one file system
   // and replaces the target in one step. The leading dot keeps it out of plain listings.
-  std::string temporary = file.parent_path().native();
-  if (!temporary.empty() && temporary.back() != '/') {
-    temporary += '/';
-  }
-  temporary.append(".").append(name.native()).append(".XXXXXX");
+  thread_local std::string temporary;
+  temporary.assign(target, 0, slash == std::string::npos ? 0 : slash + 1);
+  temporary.append(".").append(name).append(".XXXXXX");
 
   const int descriptor = ::mkostemp(temporary.data(), O_CLOEXEC);
   if (descriptor < 0) {
