@@ -12,6 +12,9 @@ namespace {
 using platform::Locker;
 
 constexpr double kTimelineThrottleSeconds = 0.09;
+// Uptime readings are doubles near the machine's uptime, so a difference of exactly 90 ms can
+// come out a few ulps short of 0.09. One nanosecond of tolerance keeps such a frame publishing.
+constexpr double kTimelineThrottleTolerance = 1e-9;
 constexpr std::uint64_t kSendLogInterval = 300;
 platform::Error unsupportedFormatError() {
   return platform::Error{platform::NSOSStatusErrorDomain,
@@ -282,7 +285,8 @@ void VANEProbeSourceStream::publishTimelineMetadata(platform::MediaTime presenta
   {
     const Locker lock(stateLock);
     // Written so that a NaN difference also counts as "too soon".
-    if (!(now - lastTimelineMetadataTime >= kTimelineThrottleSeconds)) {
+    if (!(now - lastTimelineMetadataTime >=
+          kTimelineThrottleSeconds - kTimelineThrottleTolerance)) {
       return;
     }
     lastTimelineMetadataTime = now;

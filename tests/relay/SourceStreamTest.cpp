@@ -171,6 +171,20 @@ TEST(TimelineTest, ThrottlesOnUptimeAndSkipsUnusableTimeStamps) {
   EXPECT_EQ(harness.propertyChanges.size(), 2U);  // a reset is not announced
 }
 
+// 100.091 - 100.001 is 0.08999999999999 in doubles; a frame exactly 90 ms after the last
+// publication must still publish, whatever the uptime it happens at.
+TEST(TimelineTest, PublishesAgainExactlyNinetyMillisecondsLater) {
+  for (const double start : {100.001, 100.003, 123.456, 4000.017}) {
+    ExtensionHarness harness;
+    auto& source = harness.source();
+    harness.advanceTo(start);
+    source.publishTimelineMetadata(MediaTime::make(1, 30), 77);
+    harness.advanceTo(start + 0.09);
+    source.publishTimelineMetadata(MediaTime::make(2, 30), 77);
+    EXPECT_EQ(harness.propertyChanges.size(), 2U) << "start " << start;
+  }
+}
+
 TEST(ForwardingTest, DropsWrongSizesAndImagelessBuffersSilently) {
   ExtensionHarness harness;
   auto& source = harness.source();

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cmath>
 #include <fstream>
 #include <sstream>
 
@@ -95,11 +96,11 @@ std::int64_t ExtensionHarness::nowNanoseconds() {
 }
 
 void ExtensionHarness::advanceBy(double seconds) {
-  service_->executor()->advanceBy(static_cast<std::int64_t>(seconds * 1e9));
+  service_->executor()->advanceBy(std::llround(seconds * 1e9));
 }
 
 void ExtensionHarness::advanceTo(double seconds) {
-  service_->executor()->advanceTo(static_cast<std::int64_t>(seconds * 1e9));
+  service_->executor()->advanceTo(std::llround(seconds * 1e9));
 }
 
 void ExtensionHarness::runUntilIdle() {
