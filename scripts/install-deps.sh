@@ -6,7 +6,11 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build clang clang-format clang-tidy libclang-rt-14-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
-  nlohmann-json3-dev libsqlite3-dev sqlite3 locales
+  nlohmann-json3-dev libsqlite3-dev sqlite3 locales zlib1g-dev pkg-config
+  # The PipeWire backend, its programs, and the private session its tests start.
+  libpipewire-0.3-dev libspa-0.2-dev pipewire pipewire-bin wireplumber dbus
+  gstreamer1.0-pipewire gstreamer1.0-tools gstreamer1.0-plugins-base
+  gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-good
 )
 
 missing=()

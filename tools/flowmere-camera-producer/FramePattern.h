@@ -1,0 +1,56 @@
+#pragma once
+
+// The producer's test pattern, built so that a captured frame can be checked exactly: every
+// pixel is a function of its position and the frame number, and the frame number is written in
+// the top rows as 32 black or white blocks (most significant bit first), which survive any
+// lossless conversion between BGRA and RGB. Pure functions: any thread.
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+namespace flowmere::producer {
+
+inline constexpr std::uint32_t kCounterBits = 32;
+inline constexpr std::uint32_t kCounterRows = 16;
+
+struct Rgb {
+  std::uint8_t r = 0;
+  std::uint8_t g = 0;
+  std::uint8_t b = 0;
+  friend bool operator==(const Rgb&, const Rgb&) = default;
+};
+
+// The colour of pixel (x, y) of frame `frame` in a `width` x `height` picture.
+Rgb patternPixel(std::uint32_t x, std::uint32_t y, std::uint32_t width, std::uint64_t frame);
+
+// Fills a BGRA frame (`stride` bytes per row).
+void fillBgra(std::uint8_t* data, std::size_t stride, std::uint32_t width, std::uint32_t height,
+              std::uint64_t frame);
+
+// Fills a P010 frame (luma plane, then interleaved chroma at half height, both `stride` bytes
+// per row) with a ramp and the counter blocks in luma, video range.
+void fillP010(std::uint8_t* data, std::size_t stride, std::uint32_t width, std::uint32_t height,
+              std::uint64_t frame);
+
+// Reads the frame number back from an RGB picture given as a pixel accessor.
+template <typename PixelAt>
+std::optional<std::uint32_t> readCounter(std::uint32_t width, std::uint32_t height,
+                                         PixelAt pixelAt) {
+  const std::uint32_t block = width / kCounterBits;
+  if (block == 0 || height < kCounterRows) {
+    return std::nullopt;
+  }
+  std::uint32_t value = 0;
+  for (std::uint32_t bit = 0; bit < kCounterBits; ++bit) {
+    const Rgb centre = pixelAt(bit * block + block / 2, kCounterRows / 2);
+    const int level = (centre.r + centre.g + centre.b) / 3;
+    if (level > 64 && level < 192) {
+      return std::nullopt;  // not a counter block: not our pattern
+    }
+    value = (value << 1U) | (level >= 192 ? 1U : 0U);
+  }
+  return value;
+}
+
+}  // namespace flowmere::producer

@@ -1,0 +1,374 @@
+// flowmere-camera-producer: pushes a test pattern (or a raw video file) into the Flowmere
+// camera's sink node, at a chosen format and rate; and checks captured PNG frames against that
+// pattern.
+//
+//   flowmere-camera-producer [--target NODE] [--format bgra|p010] [--size WxH] [--fps N]
+//                            [--transfer pq|hlg] [--seconds N] [--file RAW]
+//   flowmere-camera-producer check [--allow-gaps] FRAME.png...
+//
+// Time stamps are the frames' scheduled times on CLOCK_MONOTONIC, 1/fps apart, in nanoseconds;
+// sequence numbers count from 0.
+
+#include <pipewire/pipewire.h>
+#include <spa/buffer/meta.h>
+#include <spa/param/video/format-utils.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "FramePattern.h"
+#include "PngReader.h"
+#include "pipewire/SpaFormats.h"
+
+namespace {
+
+using flowmere::pipewire::FrameLayout;
+
+struct Options {
+  std::string target = "flowmere-camera-sink";
+  std::string format = "bgra";
+  std::uint32_t width = 1280;
+  std::uint32_t height = 720;
+  std::uint32_t fps = 30;
+  std::string transfer = "pq";
+  double seconds = 0;  // 0: until interrupted
+  std::string file;
+};
+
+std::int64_t monotonicNanoseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+}
+
+// The whole producer: one output stream on a main loop. Main-loop thread only.
+struct Producer {
+  Options options;
+  spa_video_info_raw info{};
+  FrameLayout layout;
+  pw_main_loop* loop = nullptr;
+  pw_stream* stream = nullptr;
+  spa_hook listener{};
+  std::int64_t period = 0;
+  std::int64_t nextDue = 0;
+  std::uint64_t frame = 0;
+  std::int64_t firstPush = 0;
+  std::ifstream file;
+  std::vector<char> fileFrame;
+  bool streaming = false;
+};
+
+void fillFrame(Producer& producer, std::uint8_t* data, std::uint32_t stride) {
+  if (producer.file.is_open()) {
+    if (!producer.file.read(producer.fileFrame.data(),
+                            static_cast<std::streamsize>(producer.fileFrame.size()))) {
+      producer.file.clear();
+      producer.file.seekg(0);  // loop the file
+      producer.file.read(producer.fileFrame.data(),
+                         static_cast<std::streamsize>(producer.fileFrame.size()));
+    }
+    std::memcpy(data, producer.fileFrame.data(), producer.fileFrame.size());
+    return;
+  }
+  if (producer.info.format == SPA_VIDEO_FORMAT_BGRA) {
+    flowmere::producer::fillBgra(data, stride, producer.layout.width, producer.layout.height,
+                                 producer.frame);
+  } else {
+    flowmere::producer::fillP010(data, stride, producer.layout.width, producer.layout.height,
+                                 producer.frame);
+  }
+}
+
+void onProcess(void* data) {
+  auto& producer = *static_cast<Producer*>(data);
+  const std::int64_t now = monotonicNanoseconds();
+  if (producer.nextDue == 0) {
+    producer.nextDue = now;
+  }
+  // The sink pulls one graph cycle at a time, every couple of milliseconds while it waits; a
+  // frame goes out on the first cycle at or after its scheduled time.
+  if (now < producer.nextDue) {
+    return;
+  }
+  pw_buffer* buffer = pw_stream_dequeue_buffer(producer.stream);
+  if (!buffer) {
+    return;
+  }
+  spa_data& block = buffer->buffer->datas[0];
+  if (!block.data || block.maxsize < producer.layout.frameSize) {
+    pw_stream_queue_buffer(producer.stream, buffer);
+    return;
+  }
+  fillFrame(producer, static_cast<std::uint8_t*>(block.data), producer.layout.stride);
+  block.chunk->offset = 0;
+  block.chunk->size = static_cast<std::uint32_t>(producer.layout.frameSize);
+  block.chunk->stride = static_cast<std::int32_t>(producer.layout.stride);
+  if (auto* header = static_cast<spa_meta_header*>(
+          spa_buffer_find_meta_data(buffer->buffer, SPA_META_Header, sizeof(spa_meta_header)))) {
+    header->flags = 0;
+    header->offset = 0;
+    header->pts = producer.nextDue;
+    header->dts_offset = 0;
+    header->seq = producer.frame;
+  }
+  pw_stream_queue_buffer(producer.stream, buffer);
+  if (producer.frame == 0) {
+    producer.firstPush = now;
+  }
+  ++producer.frame;
+  producer.nextDue += producer.period;
+  if (now - producer.nextDue > 4 * producer.period) {
+    producer.nextDue = now + producer.period;  // stalled for a while: start a fresh schedule
+  }
+}
+
+void onStateChanged(void* data, pw_stream_state /*old*/, pw_stream_state state, const char* error) {
+  auto& producer = *static_cast<Producer*>(data);
+  std::fprintf(stderr, "producer: %s%s%s\n", pw_stream_state_as_string(state), error ? ": " : "",
+               error ? error : "");
+  producer.streaming = state == PW_STREAM_STATE_STREAMING;
+  if (state == PW_STREAM_STATE_ERROR || state == PW_STREAM_STATE_UNCONNECTED) {
+    pw_main_loop_quit(producer.loop);
+  }
+}
+
+void onParamChanged(void* data, std::uint32_t id, const spa_pod* param) {
+  auto& producer = *static_cast<Producer*>(data);
+  if (id != SPA_PARAM_Format || !param) {
+    return;
+  }
+  std::array<std::byte, 1024> storage{};
+  spa_pod_builder builder = SPA_POD_BUILDER_INIT(storage.data(), storage.size());
+  std::array<const spa_pod*, 2> params{};
+  params[0] = static_cast<const spa_pod*>(spa_pod_builder_add_object(
+      &builder, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers, SPA_PARAM_BUFFERS_buffers,
+      SPA_POD_CHOICE_RANGE_Int(8, 2, 16), SPA_PARAM_BUFFERS_blocks, SPA_POD_Int(1),
+      SPA_PARAM_BUFFERS_size, SPA_POD_Int(static_cast<int>(producer.layout.frameSize)),
+      SPA_PARAM_BUFFERS_stride, SPA_POD_Int(static_cast<int>(producer.layout.stride)),
+      SPA_PARAM_BUFFERS_dataType,
+      SPA_POD_CHOICE_FLAGS_Int((1 << SPA_DATA_MemPtr) | (1 << SPA_DATA_MemFd))));
+  params[1] = static_cast<const spa_pod*>(spa_pod_builder_add_object(
+      &builder, SPA_TYPE_OBJECT_ParamMeta, SPA_PARAM_Meta, SPA_PARAM_META_type,
+      SPA_POD_Id(SPA_META_Header), SPA_PARAM_META_size, SPA_POD_Int(sizeof(spa_meta_header))));
+  pw_stream_update_params(producer.stream, params.data(), 2);
+}
+
+void onQuit(void* data, int /*signal*/) {
+  pw_main_loop_quit(static_cast<Producer*>(data)->loop);
+}
+
+void onTimeout(void* data, std::uint64_t /*expirations*/) {
+  pw_main_loop_quit(static_cast<Producer*>(data)->loop);
+}
+
+bool parseSize(const char* text, std::uint32_t& width, std::uint32_t& height) {
+  unsigned w = 0;
+  unsigned h = 0;
+  char extra = 0;
+  if (std::sscanf(text, "%ux%u%c", &w, &h, &extra) != 2 || w == 0 || h == 0) {
+    return false;
+  }
+  width = w;
+  height = h;
+  return true;
+}
+
+int usage() {
+  std::fputs(
+      "usage: flowmere-camera-producer [--target NODE] [--format bgra|p010] [--size WxH]\n"
+      "                                [--fps N] [--transfer pq|hlg] [--seconds N] [--file RAW]\n"
+      "       flowmere-camera-producer check [--allow-gaps] FRAME.png...\n",
+      stderr);
+  return 2;
+}
+
+// Checks captured frames: each must be the pattern exactly, for the frame number written in
+// it; with --allow-gaps unset, the numbers must also follow one another without a gap.
+int check(int argc, char** argv) {
+  bool allowGaps = false;
+  std::vector<std::string> files;
+  for (int i = 2; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--allow-gaps") == 0) {
+      allowGaps = true;
+    } else {
+      files.emplace_back(argv[i]);
+    }
+  }
+  if (files.empty()) {
+    return usage();
+  }
+  std::sort(files.begin(), files.end());
+  std::map<std::uint32_t, int> seen;
+  int bad = 0;
+  for (const std::string& path : files) {
+    std::string error;
+    const flowmere::producer::RgbImage image = flowmere::producer::readPng(path, error);
+    if (image.pixels.empty()) {
+      std::fprintf(stderr, "%s: %s\n", path.c_str(), error.c_str());
+      ++bad;
+      continue;
+    }
+    const auto counter = flowmere::producer::readCounter(
+        image.width, image.height,
+        [&](std::uint32_t x, std::uint32_t y) { return image.at(x, y); });
+    if (!counter) {
+      std::fprintf(stderr, "%s: no frame counter\n", path.c_str());
+      ++bad;
+      continue;
+    }
+    std::size_t wrong = 0;
+    for (std::uint32_t y = 0; y < image.height; ++y) {
+      for (std::uint32_t x = 0; x < image.width; ++x) {
+        wrong +=
+            image.at(x, y) == flowmere::producer::patternPixel(x, y, image.width, *counter) ? 0 : 1;
+      }
+    }
+    if (wrong > 0) {
+      std::fprintf(stderr, "%s: frame %u has %zu pixels that differ from the pattern\n",
+                   path.c_str(), *counter, wrong);
+      ++bad;
+    }
+    ++seen[*counter];
+  }
+  std::size_t gaps = 0;
+  std::size_t repeats = 0;
+  std::uint32_t previous = 0;
+  bool first = true;
+  for (const auto& [number, count] : seen) {
+    if (!first && number != previous + 1) {
+      gaps += number - previous - 1;
+    }
+    repeats += static_cast<std::size_t>(count - 1);
+    previous = number;
+    first = false;
+  }
+  std::printf("checked %zu files: frames %u..%u, %zu distinct, %zu missing, %zu repeated, %d bad\n",
+              files.size(), seen.empty() ? 0 : seen.begin()->first,
+              seen.empty() ? 0 : seen.rbegin()->first, seen.size(), gaps, repeats, bad);
+  return bad == 0 && (allowGaps || gaps == 0) ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc > 1 && std::strcmp(argv[1], "check") == 0) {
+    return check(argc, argv);
+  }
+  Options options;
+  for (int i = 1; i < argc; ++i) {
+    const std::string flag = argv[i];
+    const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
+    if (!value) {
+      return usage();
+    }
+    ++i;
+    if (flag == "--target") {
+      options.target = value;
+    } else if (flag == "--format" &&
+               (std::strcmp(value, "bgra") == 0 || std::strcmp(value, "p010") == 0)) {
+      options.format = value;
+    } else if (flag == "--size" && parseSize(value, options.width, options.height)) {
+    } else if (flag == "--fps" && std::atoi(value) > 0 && std::atoi(value) <= 1000) {
+      options.fps = static_cast<std::uint32_t>(std::atoi(value));
+    } else if (flag == "--transfer" &&
+               (std::strcmp(value, "pq") == 0 || std::strcmp(value, "hlg") == 0)) {
+      options.transfer = value;
+    } else if (flag == "--seconds" && std::atof(value) >= 0) {
+      options.seconds = std::atof(value);
+    } else if (flag == "--file") {
+      options.file = value;
+    } else {
+      std::fprintf(stderr, "flowmere-camera-producer: bad option %s %s\n", flag.c_str(), value);
+      return usage();
+    }
+  }
+
+  Producer producer;
+  producer.options = options;
+  producer.info.format =
+      options.format == "bgra" ? SPA_VIDEO_FORMAT_BGRA : SPA_VIDEO_FORMAT_P010_10LE;
+  producer.info.size = spa_rectangle{options.width, options.height};
+  producer.info.framerate = spa_fraction{options.fps, 1};
+  if (options.format == "p010") {
+    producer.info.color_range = SPA_VIDEO_COLOR_RANGE_16_235;
+    producer.info.color_matrix = SPA_VIDEO_COLOR_MATRIX_BT2020;
+    producer.info.color_primaries = SPA_VIDEO_COLOR_PRIMARIES_BT2020;
+    producer.info.transfer_function = static_cast<spa_video_transfer_function>(
+        options.transfer == "pq" ? flowmere::pipewire::kSpaTransferSmpteSt2084
+                                 : flowmere::pipewire::kSpaTransferAribStdB67);
+  }
+  producer.layout = *flowmere::pipewire::frameLayoutFor(producer.info);
+  producer.period = 1'000'000'000 / options.fps;
+  if (!options.file.empty()) {
+    producer.file.open(options.file, std::ios::binary);
+    if (!producer.file) {
+      std::fprintf(stderr, "flowmere-camera-producer: cannot read %s\n", options.file.c_str());
+      return 1;
+    }
+    producer.fileFrame.resize(producer.layout.frameSize);
+  }
+
+  pw_init(&argc, &argv);
+  producer.loop = pw_main_loop_new(nullptr);
+  pw_loop* loop = pw_main_loop_get_loop(producer.loop);
+  pw_loop_add_signal(loop, SIGINT, onQuit, &producer);
+  pw_loop_add_signal(loop, SIGTERM, onQuit, &producer);
+  if (options.seconds > 0) {
+    spa_source* timer = pw_loop_add_timer(loop, onTimeout, &producer);
+    const auto total = static_cast<std::int64_t>(options.seconds * 1e9);
+    timespec timeout{static_cast<time_t>(total / 1'000'000'000),
+                     static_cast<long>(total % 1'000'000'000)};
+    pw_loop_update_timer(loop, timer, &timeout, nullptr, false);
+  }
+
+  pw_properties* props = pw_properties_new(
+      PW_KEY_MEDIA_TYPE, "Video", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_MEDIA_ROLE, "Camera",
+      PW_KEY_NODE_NAME, "flowmere-camera-producer", PW_KEY_APP_NAME, "flowmere-camera-producer",
+      PW_KEY_TARGET_OBJECT, options.target.c_str(), nullptr);
+  producer.stream = pw_stream_new_simple(
+      loop, "flowmere-camera-producer", props,
+      [] {
+        static pw_stream_events events{};
+        events.version = PW_VERSION_STREAM_EVENTS;
+        events.state_changed = onStateChanged;
+        events.param_changed = onParamChanged;
+        events.process = onProcess;
+        return &events;
+      }(),
+      &producer);
+  std::array<std::byte, 1024> storage{};
+  spa_pod_builder builder = SPA_POD_BUILDER_INIT(storage.data(), storage.size());
+  const spa_pod* format =
+      flowmere::pipewire::buildVideoFormat(builder, SPA_PARAM_EnumFormat, producer.info);
+  if (pw_stream_connect(
+          producer.stream, PW_DIRECTION_OUTPUT, PW_ID_ANY,
+          static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS),
+          &format, 1) < 0) {
+    std::fputs("flowmere-camera-producer: cannot connect to PipeWire\n", stderr);
+    return 1;
+  }
+  std::fprintf(stderr, "producer: %ux%u %s at %u fps into %s\n", options.width, options.height,
+               options.format.c_str(), options.fps, options.target.c_str());
+  pw_main_loop_run(producer.loop);
+  const double elapsed =
+      producer.frame > 0 ? static_cast<double>(monotonicNanoseconds() - producer.firstPush) / 1e9
+                         : 0.0;
+  std::printf("pushed %llu frames in %.2f s (%.2f fps)\n",
+              static_cast<unsigned long long>(producer.frame), elapsed,
+              elapsed > 0 ? static_cast<double>(producer.frame) / elapsed : 0.0);
+  pw_stream_destroy(producer.stream);
+  pw_main_loop_destroy(producer.loop);
+  pw_deinit();
+  return 0;
+}
