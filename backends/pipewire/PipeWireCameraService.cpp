@@ -125,6 +125,7 @@ bool PipeWireStream::connectNode(const std::map<std::string, std::string>& ident
   for (const auto& [key, value] : identity_) {
     pw_properties_set(props, key.c_str(), value.c_str());
   }
+  service_.loopLock().assertHeld();
   stream_ = pw_stream_new(service_.core(), nodeName_.c_str(), props);
   if (!stream_) {
     service_.writeLog("[pipewire] could not create node " + nodeName_ + ": " +
@@ -336,7 +337,7 @@ void PipeWireStream::reconnectAfterRefusal(const std::string& message) {
   }
   // Failing the node ends the negotiation for the peer that asked; a fresh node with the same
   // name then waits for the next consumer.
-  pw_stream_set_error(stream_, -EPERM, message.c_str());
+  pw_stream_set_error(stream_, -EPERM, "%s", message.c_str());
   destroyNode();
   connectNode(identity_);
 }
@@ -509,6 +510,7 @@ void PipeWireStream::sendSampleBuffer(const std::shared_ptr<platform::SampleBuff
     return;
   }
   const LoopLocker lock(loopLock_);
+  service_.loopLock().assertHeld();  // the same lock, under the service's name
   if (!stream_ || state_ != PW_STREAM_STATE_STREAMING || !layout_ ||
       pixels->width() != layout_->width || pixels->height() != layout_->height ||
       pixels->pixelFormat() != layout_->pixelFormat ||
@@ -615,10 +617,12 @@ PipeWireCameraService::~PipeWireCameraService() {
       const LoopLocker lock(loopLock_);
       published_.clear();
       peers_->detach();
+      const platform::Locker<platform::Mutex> workLock(workMutex_);
       if (workEvent_) {
         pw_loop_destroy_source(pw_thread_loop_get_loop(loop_), workEvent_);
         workEvent_ = nullptr;
       }
+      loopWork_.clear();
       if (core_) {
         pw_core_disconnect(core_);
         core_ = nullptr;
@@ -662,8 +666,11 @@ bool PipeWireCameraService::connect() {
     return events;
   }();
   pw_core_add_listener(core_, &coreListener_, &coreEvents, this);
-  workEvent_ =
-      pw_loop_add_event(pw_thread_loop_get_loop(loop_), &PipeWireCameraService::onLoopWork, this);
+  {
+    const platform::Locker<platform::Mutex> workLock(workMutex_);
+    workEvent_ =
+        pw_loop_add_event(pw_thread_loop_get_loop(loop_), &PipeWireCameraService::onLoopWork, this);
+  }
   peers_->attach(core_);
   if (pw_thread_loop_start(loop_) < 0) {
     std::fprintf(stderr, "[pipewire] could not start the PipeWire thread\n");
@@ -690,7 +697,7 @@ void PipeWireCameraService::onLoopWork(void* data, std::uint64_t /*count*/) {
 void PipeWireCameraService::runLoopWork() {
   std::vector<std::function<void()>> work;
   {
-    const std::scoped_lock lock(workMutex_);
+    const platform::Locker<platform::Mutex> lock(workMutex_);
     work.swap(loopWork_);
   }
   for (auto& item : work) {
@@ -699,11 +706,13 @@ void PipeWireCameraService::runLoopWork() {
 }
 
 void PipeWireCameraService::postToLoop(std::function<void()> work) {
-  {
-    const std::scoped_lock lock(workMutex_);
-    loopWork_.push_back(std::move(work));
+  // Signalling the event is safe from any thread without the loop lock. Once the service is
+  // being destroyed there is no event left and the work is dropped.
+  const platform::Locker<platform::Mutex> lock(workMutex_);
+  if (!workEvent_) {
+    return;
   }
-  // Signalling the event is safe from any thread without the loop lock.
+  loopWork_.push_back(std::move(work));
   pw_loop_signal_event(pw_thread_loop_get_loop(loop_), workEvent_);
 }
 

@@ -252,7 +252,7 @@ class PipeWireCameraService final : public platform::Platform {
 
   // For the streams.
   [[nodiscard]] const PipeWireOptions& options() const { return options_; }
-  LoopLock& loopLock() { return loopLock_; }
+  LoopLock& loopLock() FLOWMERE_THREAD_ANNOTATION(lock_returned(loopLock_)) { return loopLock_; }
   pw_core* core() REQUIRES(loopLock_) { return core_; }
   PeerDirectory& peers() { return *peers_; }
   // Runs `work` on the platform queue, after everything posted before it.
@@ -280,13 +280,15 @@ class PipeWireCameraService final : public platform::Platform {
   pw_context* context_ GUARDED_BY(loopLock_) = nullptr;
   pw_core* core_ GUARDED_BY(loopLock_) = nullptr;
   spa_hook coreListener_ GUARDED_BY(loopLock_){};
-  spa_source* workEvent_ GUARDED_BY(loopLock_) = nullptr;
   std::unique_ptr<PeerDirectory> peers_;
   std::vector<std::shared_ptr<PipeWireStream>> published_ GUARDED_BY(loopLock_);
   std::shared_ptr<PipeWireProvider> provider_;  // main thread
 
-  std::mutex workMutex_;
-  std::vector<std::function<void()>> loopWork_;  // guarded by workMutex_
+  // Work posted to the loop thread from any thread, and the event that wakes the loop for it. The
+  // event lives from connect() until the destructor, which clears it before the loop goes away.
+  platform::Mutex workMutex_;
+  std::vector<std::function<void()>> loopWork_ GUARDED_BY(workMutex_);
+  spa_source* workEvent_ GUARDED_BY(workMutex_) = nullptr;
 
   std::shared_ptr<embedded::ThreadSerialQueue> platformQueue_;
   std::unique_ptr<common::PosixFileManager> fileManager_;
