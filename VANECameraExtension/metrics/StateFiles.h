@@ -5,10 +5,13 @@
 //
 // The directory is the application group's container + "com.flowmere.av.state" when the platform
 // grants the container, else the fixed fallback in the system's temporary directory. It is
-// resolved afresh for every write; nothing is cached.
+// resolved afresh for every write; nothing is cached. Paths are built as text, in a buffer each
+// thread keeps, through the file layer's text forms, so a write on the frame path allocates
+// nothing once the buffer has grown.
 //
-// Threading: no lock and no mutable state; any thread. Two writes of the same file may overlap;
-// each replaces the file by rename, so a reader always sees one writer's whole text.
+// Threading: no lock and no shared mutable state (the path buffer is per thread); any thread.
+// Two writes of the same file may overlap; each replaces the file by rename, so a reader always
+// sees one writer's whole text.
 
 #include <filesystem>
 #include <optional>
@@ -35,6 +38,10 @@ class StateFiles {
   void writeStateFile(std::string_view text, std::string_view name);
 
  private:
+  // stateDirectoryURL() in text form: sets `directory`; false when neither directory can be
+  // created.
+  bool resolveStateDirectory(std::string& directory);
+
   platform::FileManager& fileManager_;
   const std::string applicationGroupIdentifier_;
   const std::string stateDirectoryName_;

@@ -73,6 +73,35 @@ class FileManager {
   virtual bool writeStringAtomically(const std::filesystem::path& file, std::string_view text) = 0;
   // The system's temporary directory, which the fixed fallback state directory lives in.
   virtual std::filesystem::path temporaryDirectory() = 0;
+
+  // The same four operations on paths held as text, for callers that reach the file layer on
+  // every frame: the caller keeps its path text in buffers that retain their capacity from call
+  // to call, so a call builds no path object and allocates nothing. Same results as the path
+  // forms. The defaults convert to paths and call the path forms; a file layer overrides them
+  // to work on the text directly.
+  //
+  // Sets `path` to the application group's container; false (and `path` unspecified) when the
+  // process may not use it.
+  virtual bool containerPathForSecurityApplicationGroupIdentifier(std::string_view groupIdentifier,
+                                                                  std::string& path) {
+    std::optional<std::filesystem::path> container =
+        containerURLForSecurityApplicationGroupIdentifier(groupIdentifier);
+    if (!container) {
+      return false;
+    }
+    path.assign(container->native());
+    return true;
+  }
+  virtual bool createDirectoryAtPath(const std::string& directory) {
+    return createDirectory(std::filesystem::path(directory));
+  }
+  virtual bool writeStringAtomicallyToPath(const std::string& file, std::string_view text) {
+    return writeStringAtomically(std::filesystem::path(file), text);
+  }
+  // Sets `path` to the system's temporary directory.
+  virtual void temporaryDirectoryPath(std::string& path) {
+    path.assign(temporaryDirectory().native());
+  }
 };
 
 // The unified system log, default log object, default level, arguments public.

@@ -1,6 +1,11 @@
 #include "source/VANEProbeSourceStream.h"
 
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
 #include <nlohmann/json.hpp>
+#include <string_view>
 
 #include "HostTime.h"
 #include "formats/FormatCatalogue.h"
@@ -25,6 +30,49 @@ platform::Error illegalOperationError(const char* message) {
   return platform::Error{platform::NSOSStatusErrorDomain,
                          platform::kCMIOHardwareIllegalOperationError, message};
 }
+
+// The timeline text, written into a stack buffer with the exact bytes that nlohmann::json's
+// dump() gives for the object {version, value, scale, hostSeconds, producerPID}: keys in sorted
+// order, no white space, integers in decimal, the double in the library's own shortest
+// round-trip form ("null" when not finite). Building the json object instead costs some thirty
+// heap allocations, on every third frame.
+class TimelineText {
+ public:
+  TimelineText(std::int64_t value, std::int32_t scale, double hostSeconds,
+               std::int32_t producerPID) {
+    append(R"({"hostSeconds":)");
+    if (std::isfinite(hostSeconds)) {
+      end_ = nlohmann::detail::to_chars(end_, buffer_.data() + buffer_.size(), hostSeconds);
+    } else {
+      append("null");
+    }
+    append(R"(,"producerPID":)");
+    appendInteger(producerPID);
+    append(R"(,"scale":)");
+    appendInteger(scale);
+    append(R"(,"value":)");
+    appendInteger(value);
+    append(R"(,"version":1})");
+  }
+  [[nodiscard]] std::string_view view() const {
+    return {buffer_.data(), static_cast<std::size_t>(end_ - buffer_.data())};
+  }
+
+ private:
+  // The buffer always has room; the bound only keeps a mistake from writing past it.
+  void append(std::string_view text) {
+    const auto room = static_cast<std::size_t>(buffer_.data() + buffer_.size() - end_);
+    end_ = std::copy_n(text.data(), std::min(text.size(), room), end_);
+  }
+  void appendInteger(std::int64_t number) {
+    end_ = std::to_chars(end_, buffer_.data() + buffer_.size(), number).ptr;
+  }
+
+  // 62 characters of keys and punctuation, at most 24 for the double, 11 for each 32-bit integer
+  // and 20 for the 64-bit one; the double's formatter wants room to spare.
+  std::array<char, 192> buffer_{};
+  char* end_ = buffer_.data();
+};
 
 }  // namespace
 
@@ -290,20 +338,12 @@ void VANEProbeSourceStream::publishTimelineMetadata(platform::MediaTime presenta
       return;
     }
     lastTimelineMetadataTime = now;
-    try {
-      const nlohmann::json object = {
-          {"version", 1},
-          {"value", presentationTime.value},
-          {"scale", presentationTime.timescale},
-          {"hostSeconds", now},
-          {"producerPID", producerPID},
-      };
-      text = object.dump();
-    } catch (const nlohmann::json::exception&) {
-      // The throttle slot stays used; nothing is stored or announced.
-      return;
-    }
-    timelineValue = text;
+    const TimelineText timeline(presentationTime.value, presentationTime.timescale, now,
+                                producerPID);
+    // The stored value keeps its capacity from one publication to the next; only the copy that
+    // travels with the notice is allocated.
+    timelineValue.assign(timeline.view());
+    text.assign(timeline.view());
   }
   platform::PropertyStateMap changes;
   changes.emplace(timelineMetadataProperty(),

@@ -58,13 +58,17 @@ PosixFileManager PosixFileManager::fromEnvironment() {
   return PosixFileManager(defaultContainerParent(), "/tmp");
 }
 
+bool PosixFileManager::isUsableGroupIdentifier(std::string_view groupIdentifier) const {
+  // An identifier is one path component; anything else could name a directory outside the
+  // container parent.
+  return containerParent_ && !groupIdentifier.empty() && groupIdentifier != "." &&
+         groupIdentifier != ".." && groupIdentifier.find('/') == std::string_view::npos;
+}
+
 std::optional<std::filesystem::path>
 PosixFileManager::containerURLForSecurityApplicationGroupIdentifier(
     std::string_view groupIdentifier) {
-  // An identifier is one path component; anything else could name a directory outside the
-  // container parent.
-  if (!containerParent_ || groupIdentifier.empty() || groupIdentifier == "." ||
-      groupIdentifier == ".." || groupIdentifier.find('/') != std::string_view::npos) {
+  if (!isUsableGroupIdentifier(groupIdentifier)) {
     return std::nullopt;
   }
   std::filesystem::path container = *containerParent_;
@@ -75,19 +79,50 @@ PosixFileManager::containerURLForSecurityApplicationGroupIdentifier(
   return container;
 }
 
+bool PosixFileManager::containerPathForSecurityApplicationGroupIdentifier(
+    std::string_view groupIdentifier, std::string& path) {
+  if (!isUsableGroupIdentifier(groupIdentifier)) {
+    return false;
+  }
+  // containerParent / groupIdentifier, as the path form builds it: the identifier is a relative
+  // component, so a separator goes between unless the parent is empty or ends with one.
+  path.assign(containerParent_->native());
+  if (!path.empty() && path.back() != '/') {
+    path.push_back('/');
+  }
+  path.append(groupIdentifier);
+  return createDirectoryAtPath(path);
+}
+
 bool PosixFileManager::createDirectory(const std::filesystem::path& directory) {
-  // An existing directory is success; an existing file of another kind is failure. The error
-  // codes keep the filesystem library from throwing.
+  return createDirectoryAtPath(directory.native());
+}
+
+bool PosixFileManager::createDirectoryAtPath(const std::string& directory) {
+  // The common case, an existing directory, is one stat and no path object. An existing entry of
+  // another kind is failure, as below.
+  struct stat status {};
+  if (::stat(directory.c_str(), &status) == 0) {
+    return S_ISDIR(status.st_mode);
+  }
+  // Missing (or not inspectable): create it with its parents. An existing directory is success;
+  // an existing file of another kind is failure. The error codes keep the filesystem library
+  // from throwing.
+  const std::filesystem::path path(directory);
   std::error_code error;
-  std::filesystem::create_directories(directory, error);
-  return std::filesystem::is_directory(directory, error);
+  std::filesystem::create_directories(path, error);
+  return std::filesystem::is_directory(path, error);
 }
 
 bool PosixFileManager::writeStringAtomically(const std::filesystem::path& file,
                                              std::string_view text) {
+  return writeStringAtomicallyToPath(file.native(), text);
+}
+
+bool PosixFileManager::writeStringAtomicallyToPath(const std::string& target,
+                                                   std::string_view text) {
   // Split the target's text at its last slash instead of through path objects, and build the
   // auxiliary name in a buffer each thread keeps: state files are written on every frame.
-  const std::string& target = file.native();
   const std::size_t slash = target.rfind('/');
   const std::string_view name = slash == std::string::npos
                                     ? std::string_view(target)
@@ -114,11 +149,15 @@ bool PosixFileManager::writeStringAtomically(const std::filesystem::path& file,
   }
   // No fsync: readers need an atomic replacement (all of the old or all of the new text), not
   // durability across a power cut, and the values are rewritten on every frame.
-  if (written && ::rename(temporary.c_str(), file.c_str()) == 0) {
+  if (written && ::rename(temporary.c_str(), target.c_str()) == 0) {
     return true;
   }
   ::unlink(temporary.c_str());
   return false;
+}
+
+void PosixFileManager::temporaryDirectoryPath(std::string& path) {
+  path.assign(temporaryDirectory_.native());
 }
 
 }  // namespace flowmere::common

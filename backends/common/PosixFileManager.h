@@ -4,8 +4,12 @@
 // directory, directory creation, and atomic whole-file writes (a uniquely named file in the same
 // directory, then a rename over the target).
 //
-// Threading: any thread. Every member is const after construction; there is no mutable state, and
-// concurrent writes of the same file each replace it whole.
+// Every operation also has a text form working on paths held in the caller's strings; the state
+// files use those on every frame, and an existing directory costs one stat and no allocation.
+//
+// Threading: any thread. Every member is const after construction; the only mutable state is the
+// atomic write's per-thread buffer for the auxiliary name. Concurrent writes of the same file
+// each replace it whole.
 
 #include <filesystem>
 #include <optional>
@@ -36,7 +40,18 @@ class PosixFileManager final : public platform::FileManager {
   bool writeStringAtomically(const std::filesystem::path& file, std::string_view text) override;
   std::filesystem::path temporaryDirectory() override { return temporaryDirectory_; }
 
+  // The text forms: the same results, without path objects or allocations (beyond `path`
+  // growing) when the directories exist already.
+  bool containerPathForSecurityApplicationGroupIdentifier(std::string_view groupIdentifier,
+                                                          std::string& path) override;
+  bool createDirectoryAtPath(const std::string& directory) override;
+  bool writeStringAtomicallyToPath(const std::string& file, std::string_view text) override;
+  void temporaryDirectoryPath(std::string& path) override;
+
  private:
+  // A container parent is set and the identifier is one path component.
+  [[nodiscard]] bool isUsableGroupIdentifier(std::string_view groupIdentifier) const;
+
   const std::optional<std::filesystem::path> containerParent_;
   const std::filesystem::path temporaryDirectory_;
 };

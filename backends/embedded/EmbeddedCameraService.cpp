@@ -41,29 +41,45 @@ class EmbeddedFileManager final : public platform::FileManager {
         containerDirectory_(std::move(containerDirectory)),
         failWrites_(failWrites) {}
 
+  // The path forms go through the text forms, so that every switch is checked in one place.
   std::optional<std::filesystem::path> containerURLForSecurityApplicationGroupIdentifier(
       std::string_view groupIdentifier) override {
-    if (containerDirectory_) {
-      return posix_.createDirectory(*containerDirectory_)
-                 ? std::optional<std::filesystem::path>(*containerDirectory_)
-                 : std::nullopt;
+    std::string path;
+    if (!containerPathForSecurityApplicationGroupIdentifier(groupIdentifier, path)) {
+      return std::nullopt;
     }
-    return posix_.containerURLForSecurityApplicationGroupIdentifier(groupIdentifier);
+    return std::filesystem::path(std::move(path));
   }
   bool createDirectory(const std::filesystem::path& directory) override {
-    return posix_.createDirectory(directory);
+    return createDirectoryAtPath(directory.native());
   }
   bool writeStringAtomically(const std::filesystem::path& file, std::string_view text) override {
+    return writeStringAtomicallyToPath(file.native(), text);
+  }
+  std::filesystem::path temporaryDirectory() override { return posix_.temporaryDirectory(); }
+
+  bool containerPathForSecurityApplicationGroupIdentifier(std::string_view groupIdentifier,
+                                                          std::string& path) override {
+    if (containerDirectory_) {
+      path.assign(containerDirectory_->native());
+      return posix_.createDirectoryAtPath(path);
+    }
+    return posix_.containerPathForSecurityApplicationGroupIdentifier(groupIdentifier, path);
+  }
+  bool createDirectoryAtPath(const std::string& directory) override {
+    return posix_.createDirectoryAtPath(directory);
+  }
+  bool writeStringAtomicallyToPath(const std::string& file, std::string_view text) override {
     if (failWrites_.load(std::memory_order_relaxed)) {
       return false;
     }
-    if (!posix_.writeStringAtomically(file, text)) {
+    if (!posix_.writeStringAtomicallyToPath(file, text)) {
       return false;
     }
     service_.notifyFileWrite(file, text);
     return true;
   }
-  std::filesystem::path temporaryDirectory() override { return posix_.temporaryDirectory(); }
+  void temporaryDirectoryPath(std::string& path) override { posix_.temporaryDirectoryPath(path); }
 
   void setFailWrites(bool fail) { failWrites_.store(fail, std::memory_order_relaxed); }
 
@@ -645,16 +661,17 @@ void EmbeddedCameraService::notifySettingsWrite(std::string_view key,
   }
 }
 
-void EmbeddedCameraService::notifyFileWrite(const std::filesystem::path& path,
-                                            std::string_view text) {
+void EmbeddedCameraService::notifyFileWrite(const std::string& path, std::string_view text) {
   ObserverList<FileObserver> observers;
   {
     const platform::Locker lock(mutex_);
     observers = fileObservers_;
   }
   if (observers) {
+    // The path object is built only for observers: without them a write allocates nothing.
+    const std::filesystem::path file(path);
     for (const auto& observer : *observers) {
-      observer(path, text);
+      observer(file, text);
     }
   }
 }

@@ -270,7 +270,7 @@ class EmbeddedCameraService final : public platform::Platform,
   void notifyScheduledOutput(const EmbeddedStream& stream, const platform::ScheduledOutput& output);
   void notifyProperties(const EmbeddedStream& stream, const platform::PropertyStateMap& changes);
   void notifySettingsWrite(std::string_view key, const platform::PropertyValue& value);
-  void notifyFileWrite(const std::filesystem::path& path, std::string_view text);
+  void notifyFileWrite(const std::string& path, std::string_view text);
   void writeLog(std::string_view line);
 
  private:

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <nlohmann/json.hpp>
 
 #include "support/ExtensionHarness.h"
@@ -182,6 +183,32 @@ TEST(TimelineTest, PublishesAgainExactlyNinetyMillisecondsLater) {
     harness.advanceTo(start + 0.09);
     source.publishTimelineMetadata(MediaTime::make(2, 30), 77);
     EXPECT_EQ(harness.propertyChanges.size(), 2U) << "start " << start;
+  }
+}
+
+// The text is built by hand on the frame path; it must stay byte for byte what the JSON library
+// writes for the same object, for every uptime and the extremes of the integers.
+TEST(TimelineTest, TextIsTheLibrarysOwnSerialisation) {
+  struct Case {
+    double uptime;
+    MediaTime time;
+    std::int32_t pid;
+  };
+  for (const Case& c : {Case{100.001, MediaTime::make(1, 30), 77},
+                        Case{123.456789, MediaTime::make(INT64_MAX, 1), INT32_MAX},
+                        Case{4000.017, MediaTime::make(INT64_MIN + 1, INT32_MAX), INT32_MIN},
+                        Case{1e9 + 0.1, MediaTime::make(-5, 7), -1}}) {
+    ExtensionHarness harness;
+    harness.advanceTo(c.uptime);
+    harness.source().publishTimelineMetadata(c.time, c.pid);
+    const std::string text = harness.source().snapshot().timelineValue;
+    const auto parsed = nlohmann::json::parse(text);
+    EXPECT_EQ(parsed.dump(), text);
+    EXPECT_EQ(parsed["value"], c.time.value);
+    EXPECT_EQ(parsed["scale"], c.time.timescale);
+    EXPECT_EQ(parsed["producerPID"], c.pid);
+    EXPECT_EQ(parsed["hostSeconds"].get<double>(),
+              harness.source().snapshot().lastTimelineMetadataTime);
   }
 }
 
