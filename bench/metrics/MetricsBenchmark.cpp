@@ -36,6 +36,19 @@ class NullFileManager final : public platform::FileManager {
     return true;
   }
   std::filesystem::path temporaryDirectory() override { return "/nonexistent/tmp"; }
+
+  // The text forms, which the state files use, likewise.
+  bool containerPathForSecurityApplicationGroupIdentifier(std::string_view /*groupIdentifier*/,
+                                                          std::string& path) override {
+    path.assign("/nonexistent/container");
+    return true;
+  }
+  bool createDirectoryAtPath(const std::string& /*directory*/) override { return true; }
+  bool writeStringAtomicallyToPath(const std::string& /*file*/,
+                                   std::string_view /*text*/) override {
+    return true;
+  }
+  void temporaryDirectoryPath(std::string& path) override { path.assign("/nonexistent/tmp"); }
 };
 
 // Discards every line. Any thread.

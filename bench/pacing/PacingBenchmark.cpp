@@ -1,38 +1,36 @@
-// Pacing in real time: a producer pushes frames with time stamps 1/fps apart on the embedded
-// service's real clock and threads; every send is compared with its target time (the pacing
-// anchor plus the time-stamp offset) and with the producer's spacing. Run once with the consume
-// queue's thread at the kernel's default timer slack and once at the tightest slack an
-// unprivileged thread may ask for.
+// Pacing in real time: a producer pushes 1080p frames with time stamps 1/fps apart on the
+// embedded service's real clock and threads; every send is compared with its target time (the
+// first delivery plus the time-stamp offset) and its spacing with the producer's spacing. Each
+// row runs with the consume queue's thread at the kernel's default timer slack and at the
+// tightest slack an unprivileged thread may ask for, three times over.
+//
+//   pacing_benchmark [--pacing_out=DIR] [Google Benchmark flags]
+//
+// With --pacing_out, every delivery's errors go to DIR/pacing-deliveries.csv and every run's
+// summary to DIR/pacing-runs.csv; bench/pacing/pacing_report.py turns them into the table and
+// the spacing-error histogram of docs/PERFORMANCE.md.
 
 #include <benchmark/benchmark.h>
-#include <sys/resource.h>
-#include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
-#include <mutex>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <string>
+#include <utility>
 #include <vector>
 
-#include "VANEProbeExtensionProvider.h"
-#include "embedded/EmbeddedCameraService.h"
+#include "realtime/RealTimeRelay.h"
 
 namespace flowmere {
 namespace {
 
-std::int64_t monotonicNanoseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
+constexpr double kSeconds = 3.0;
 
-double cpuSeconds() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
+// Open while the benchmarks run, when --pacing_out is given. Benchmark thread only.
+std::FILE* deliveriesCsv = nullptr;
+std::FILE* runsCsv = nullptr;
 
 double percentile(std::vector<double> values, double q) {
   if (values.empty()) {
@@ -45,90 +43,66 @@ double percentile(std::vector<double> values, double q) {
 void BM_Pacing(benchmark::State& state) {
   const auto fps = static_cast<double>(state.range(0));
   const auto slack = static_cast<std::uint64_t>(state.range(1));
-  constexpr double kSeconds = 3.0;
-  const std::filesystem::path directory = "/dev/shm/flowmere-pacing-" + std::to_string(::getpid());
+  // Repetitions of one row run back to back; count them for the CSV.
+  static std::map<std::pair<std::int64_t, std::int64_t>, int> repeats;
+  const int repeat = repeats[{state.range(0), state.range(1)}]++;
 
   for (auto _ : state) {
-    embedded::EmbeddedOptions options;
-    options.mode = embedded::TimeMode::kReal;
-    options.containerDirectory = directory / "container";
-    options.temporaryDirectory = directory / "tmp";
-    options.settings = embedded::EmbeddedOptions::Settings::kMemory;
-    options.interactiveTimerSlackNanoseconds = slack;
-    options.logSink = [](std::string_view) {};
-    auto service = embedded::EmbeddedCameraService::create(options);
-    auto provider = VANEProbeExtensionProviderSource::create(service, nullptr);
-    service->startService(provider->platformProvider());
+    bench::RealTimeRunOptions options;
+    options.formatIndex = 0;  // 1920x1080 BGRA
+    options.persistence = bench::Persistence::kMemory;
+    options.fps = fps;
+    options.seconds = kSeconds;
+    options.consumeTimerSlackNanoseconds = slack;
+    const bench::RealTimeRunResult run = bench::runRealTime(options);
 
-    std::mutex mutex;
-    std::vector<std::int64_t> sendTimes;
-    service->onSend([&](const embedded::EmbeddedStream&,
-                        const std::shared_ptr<platform::SampleBuffer>&,
-                        platform::StreamDiscontinuityFlags, std::uint64_t hostTime) {
-      const std::scoped_lock lock(mutex);
-      sendTimes.push_back(static_cast<std::int64_t>(hostTime));
-    });
-
-    auto producer = service->makeClient(static_cast<std::int32_t>(::getpid()), "pacing producer");
-    auto sink = service->sinkStream();
-    sink->authorize(producer);
-    (void)sink->start();
-    auto pixels = platform::PixelBuffer::create(1920, 1080, platform::kCVPixelFormatType_32BGRA);
-
-    const auto frames = static_cast<std::int64_t>(kSeconds * fps);
-    const std::int64_t start = monotonicNanoseconds() + 20'000'000;
-    const double cpuBefore = cpuSeconds();
-    std::int64_t refused = 0;
-    for (std::int64_t k = 0; k < frames; ++k) {
-      const auto due = start + static_cast<std::int64_t>(static_cast<double>(k) * 1e9 / fps);
-      timespec target{static_cast<time_t>(due / 1'000'000'000),
-                      static_cast<long>(due % 1'000'000'000)};
-      clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &target, nullptr);
-      // Time stamps 1/fps apart, in nanoseconds.
-      auto frame = std::make_shared<platform::SampleBuffer>(
-          pixels, std::nullopt,
-          platform::SampleTimingInfo{
-              {},
-              platform::MediaTime::make(
-                  static_cast<std::int64_t>(std::llround(static_cast<double>(k) * 1e9 / fps)),
-                  1'000'000'000),
-              {}});
-      if (!sink->push(producer, std::move(frame), static_cast<std::uint64_t>(k + 1))) {
-        ++refused;
-      }
-    }
-    const double wall = static_cast<double>(monotonicNanoseconds() - start) / 1e9;
-    const double cpu = cpuSeconds() - cpuBefore;
-    (void)sink->stop();
-
-    std::vector<std::int64_t> sends;
-    {
-      const std::scoped_lock lock(mutex);
-      sends = sendTimes;
-    }
-    // The anchor is the first delivery; every later one aims at anchor + its time-stamp offset.
+    // Signed errors in microseconds: the target is the first delivery plus the stamp's offset,
+    // the intended spacing the stamps' difference.
+    const std::vector<bench::Delivery>& sends = run.deliveries;
+    const double period = 1e9 / fps;
     std::vector<double> targetErrors;
     std::vector<double> spacingErrors;
-    const double period = 1e9 / fps;
     for (std::size_t i = 1; i < sends.size(); ++i) {
-      targetErrors.push_back(
-          std::fabs(static_cast<double>(sends[i] - sends[0]) - static_cast<double>(i) * period) /
-          1e3);
-      spacingErrors.push_back(std::fabs(static_cast<double>(sends[i] - sends[i - 1]) - period) /
-                              1e3);
+      const double target =
+          static_cast<double>(sends[i].sendNanoseconds - sends[0].sendNanoseconds) -
+          static_cast<double>(sends[i].sequenceNumber - sends[0].sequenceNumber) * period;
+      const double spacing =
+          static_cast<double>(sends[i].sendNanoseconds - sends[i - 1].sendNanoseconds) -
+          static_cast<double>(sends[i].sequenceNumber - sends[i - 1].sequenceNumber) * period;
+      targetErrors.push_back(target / 1e3);
+      spacingErrors.push_back(spacing / 1e3);
+      if (deliveriesCsv != nullptr) {
+        std::fprintf(deliveriesCsv, "%g,%llu,%d,%llu,%.3f,%.3f\n", fps,
+                     static_cast<unsigned long long>(slack), repeat,
+                     static_cast<unsigned long long>(sends[i].sequenceNumber), spacing / 1e3,
+                     target / 1e3);
+      }
     }
-    state.counters["target_p50_us"] = percentile(targetErrors, 0.5);
-    state.counters["target_p99_us"] = percentile(targetErrors, 0.99);
-    state.counters["target_max_us"] = percentile(targetErrors, 1.0);
-    state.counters["spacing_p50_us"] = percentile(spacingErrors, 0.5);
-    state.counters["spacing_p99_us"] = percentile(spacingErrors, 0.99);
-    state.counters["spacing_max_us"] = percentile(spacingErrors, 1.0);
-    state.counters["cpu_ms_per_s"] = cpu / wall * 1e3;
+    const auto magnitudes = [](std::vector<double> values) {
+      for (double& value : values) {
+        value = std::fabs(value);
+      }
+      return values;
+    };
+    const std::vector<double> target = magnitudes(targetErrors);
+    const std::vector<double> spacing = magnitudes(spacingErrors);
+    const double cpuMsPerSecond = run.cpuSeconds / run.wallSeconds * 1e3;
+    state.counters["target_p50_us"] = percentile(target, 0.5);
+    state.counters["target_p99_us"] = percentile(target, 0.99);
+    state.counters["target_max_us"] = percentile(target, 1.0);
+    state.counters["spacing_p50_us"] = percentile(spacing, 0.5);
+    state.counters["spacing_p99_us"] = percentile(spacing, 0.99);
+    state.counters["spacing_max_us"] = percentile(spacing, 1.0);
+    state.counters["cpu_ms_per_s"] = cpuMsPerSecond;
     state.counters["delivered"] = static_cast<double>(sends.size());
-    state.counters["refused"] = static_cast<double>(refused);
-    provider.reset();
-    service.reset();
-    std::filesystem::remove_all(directory);
+    state.counters["refused"] = static_cast<double>(run.refused);
+    if (runsCsv != nullptr) {
+      std::fprintf(runsCsv, "%g,%llu,%d,%zu,%lld,%.1f,%.1f,%.1f,%.1f,%.1f,%.1f,%.2f\n", fps,
+                   static_cast<unsigned long long>(slack), repeat, sends.size(),
+                   static_cast<long long>(run.refused), percentile(spacing, 0.5),
+                   percentile(spacing, 0.99), percentile(spacing, 1.0), percentile(target, 0.5),
+                   percentile(target, 0.99), percentile(target, 1.0), cpuMsPerSecond);
+    }
   }
   state.SetLabel(slack == 0 ? "default timer slack" : "timer slack 1 ns");
 }
@@ -136,9 +110,43 @@ void BM_Pacing(benchmark::State& state) {
 BENCHMARK(BM_Pacing)
     ->ArgsProduct({{30, 60, 120, 240}, {0, 1}})
     ->Iterations(1)
+    ->Repetitions(3)
     ->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace flowmere
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  std::string outputDirectory;
+  for (int i = 1; i < argc; ++i) {
+    constexpr std::string_view kFlag = "--pacing_out=";
+    if (std::strncmp(argv[i], kFlag.data(), kFlag.size()) == 0) {
+      outputDirectory = argv[i] + kFlag.size();
+    } else {
+      std::fprintf(stderr, "pacing_benchmark: unknown argument %s\n", argv[i]);
+      return 2;
+    }
+  }
+  if (!outputDirectory.empty()) {
+    flowmere::deliveriesCsv = std::fopen((outputDirectory + "/pacing-deliveries.csv").c_str(), "w");
+    flowmere::runsCsv = std::fopen((outputDirectory + "/pacing-runs.csv").c_str(), "w");
+    if (flowmere::deliveriesCsv == nullptr || flowmere::runsCsv == nullptr) {
+      std::fprintf(stderr, "pacing_benchmark: cannot write into %s\n", outputDirectory.c_str());
+      return 2;
+    }
+    std::fputs("fps,slack_ns,repeat,sequence,spacing_error_us,target_error_us\n",
+               flowmere::deliveriesCsv);
+    std::fputs(
+        "fps,slack_ns,repeat,delivered,refused,spacing_p50_us,spacing_p99_us,spacing_max_us,"
+        "target_p50_us,target_p99_us,target_max_us,cpu_ms_per_s\n",
+        flowmere::runsCsv);
+  }
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  if (flowmere::deliveriesCsv != nullptr) {
+    std::fclose(flowmere::deliveriesCsv);
+    std::fclose(flowmere::runsCsv);
+  }
+  return 0;
+}
