@@ -143,18 +143,11 @@ bool PipeWireStream::connectNode(const std::map<std::string, std::string>& ident
   }();
   pw_stream_add_listener(stream_, &listener_, &events, this);
 
-  auto source = source_.lock();
-  const auto formats = source ? source->formats() : nullptr;
+  // A node made again after a refusal keeps offering the source's active format first.
   std::array<std::byte, kPodBufferSize> storage{};
   spa_pod_builder builder = SPA_POD_BUILDER_INIT(storage.data(), storage.size());
-  std::vector<const spa_pod*> params;
-  if (formats) {
-    for (const platform::StreamFormat& format : *formats) {
-      if (const auto info = videoInfoForFormat(format)) {
-        params.push_back(buildVideoFormat(builder, SPA_PARAM_EnumFormat, *info));
-      }
-    }
-  }
+  std::vector<const spa_pod*> params =
+      buildFormatOffers(builder, isSink() ? std::nullopt : offeredFirst_);
   // Both nodes drive their own graph: the source paces its consumers with each sent frame, and
   // the sink pulls the producer one graph cycle at a time when a poll finds nothing queued.
   const auto flags =
@@ -363,20 +356,15 @@ void PipeWireStream::answerBuffers(const FrameLayout& layout) {
   pw_stream_update_params(stream_, params.data(), static_cast<std::uint32_t>(params.size()));
 }
 
-void PipeWireStream::offerFormats(std::optional<std::int64_t> preferredIndex) {
-  loopLock_.assertHeld();
-  if (!stream_ || isSink()) {
-    return;
-  }
+std::vector<const spa_pod*> PipeWireStream::buildFormatOffers(
+    spa_pod_builder& builder, std::optional<std::int64_t> preferredIndex) const {
   auto source = source_.lock();
   const auto formats = source ? source->formats() : nullptr;
-  if (!formats) {
-    return;
-  }
-  std::array<std::byte, kPodBufferSize> storage{};
-  spa_pod_builder builder = SPA_POD_BUILDER_INIT(storage.data(), storage.size());
   std::vector<const spa_pod*> params;
-  // The active format first: a consumer that accepts anything takes the first offer.
+  if (!formats) {
+    return params;
+  }
+  // The preferred (active) format first: a consumer that accepts anything takes the first offer.
   auto add = [&](std::size_t index) {
     if (const auto info = videoInfoForFormat((*formats)[index])) {
       params.push_back(buildVideoFormat(builder, SPA_PARAM_EnumFormat, *info));
@@ -392,9 +380,23 @@ void PipeWireStream::offerFormats(std::optional<std::int64_t> preferredIndex) {
       add(index);
     }
   }
+  return params;
+}
+
+void PipeWireStream::offerFormats(std::optional<std::int64_t> preferredIndex) {
+  loopLock_.assertHeld();
+  if (!stream_ || isSink()) {
+    return;
+  }
+  std::array<std::byte, kPodBufferSize> storage{};
+  spa_pod_builder builder = SPA_POD_BUILDER_INIT(storage.data(), storage.size());
+  std::vector<const spa_pod*> params = buildFormatOffers(builder, preferredIndex);
+  if (params.empty()) {
+    return;
+  }
   offeredFirst_ = preferredIndex;
   // A streaming link keeps its format unless the node is paused around the new offers.
-  const bool renegotiate = layout_.has_value() && valid;
+  const bool renegotiate = layout_.has_value() && preferredIndex.has_value();
   if (renegotiate) {
     pw_stream_set_active(stream_, false);
   }

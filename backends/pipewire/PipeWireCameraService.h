@@ -148,6 +148,9 @@ class PipeWireStream final : public platform::Stream,
 
   void handleStateChanged(pw_stream_state old, pw_stream_state state, const char* error);
   void handleFormat(const spa_pod* param);
+  // The catalogue as EnumFormat params built into `builder`, `preferredIndex` first when valid.
+  std::vector<const spa_pod*> buildFormatOffers(spa_pod_builder& builder,
+                                                std::optional<std::int64_t> preferredIndex) const;
   void offerFormats(std::optional<std::int64_t> preferredIndex);
   void answerBuffers(const FrameLayout& layout);
   void updateStreamingClients();
