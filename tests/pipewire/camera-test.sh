@@ -204,7 +204,8 @@ done
 
 # --- 7. The status tool reads the store, the files and the live timeline.
 if [ -x "${status_tool}" ]; then
-  if "${status_tool}" >"${work}/status.txt" 2>&1 && grep -q "framesSent" "${work}/status.txt"
+  if "${status_tool}" >"${work}/status.txt" 2>&1 && grep -q "frames_received" "${work}/status.txt" &&
+    grep -q '"producerPID"' "${work}/status.txt"
   then
     pass "flowmere-camera-status reports the counts"
   else
