@@ -11,6 +11,8 @@ packages=(
   libpipewire-0.3-dev libspa-0.2-dev pipewire pipewire-bin wireplumber dbus
   gstreamer1.0-pipewire gstreamer1.0-tools gstreamer1.0-plugins-base
   gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-good
+  # A real browser on the camera, through the desktop's camera portal on a virtual display.
+  chromium xdg-desktop-portal xdg-desktop-portal-gtk xvfb
 )
 
 missing=()

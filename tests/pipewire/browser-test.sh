@@ -1,0 +1,117 @@
+#!/usr/bin/env bash
+# A real browser on the camera: headless Chromium, through the desktop's camera portal, lists
+# "Flowmere AV Camera Source" and receives the test producer's frames with getUserMedia
+# (browser-camera.html reads the frame numbers back from the pictures).
+#
+#   browser-test.sh BUILD_DIR
+#
+# Exits 77 (skipped) when the browser, the portal or the X server is not installed.
+set -uo pipefail
+
+build="$(cd "${1:?usage: browser-test.sh BUILD_DIR}" && pwd)"
+here="$(cd "$(dirname "$0")" && pwd)"
+extension="${build}/tools/flowmere-camera-extension/flowmere-camera-extension"
+producer="${build}/tools/flowmere-camera-producer/flowmere-camera-producer"
+portal=/usr/libexec/xdg-desktop-portal
+portal_gtk=/usr/libexec/xdg-desktop-portal-gtk
+
+for tool in pipewire wireplumber dbus-daemon pw-cli gdbus chromium Xvfb "${portal}" "${portal_gtk}"
+do
+  if ! command -v "${tool}" >/dev/null; then
+    echo "SKIP: ${tool} is not installed"
+    exit 77
+  fi
+done
+
+# shellcheck source=session.sh
+source "${here}/session.sh"
+background=()
+cleanup() {
+  kill "${background[@]}" 2>/dev/null || true
+  for _ in $(seq 50); do
+    kill -0 "${background[@]}" 2>/dev/null || break
+    sleep 0.1
+  done
+  kill -KILL "${background[@]}" 2>/dev/null || true
+  session_stop
+}
+trap cleanup EXIT
+
+# Waits up to $2 seconds (default 5) for `$1` (a command) to succeed.
+wait_for() {
+  local deadline=$((SECONDS + ${2:-5}))
+  until eval "$1" >/dev/null 2>&1; do
+    [ "${SECONDS}" -ge "${deadline}" ] && return 1
+    sleep 0.1
+  done
+}
+
+session_start || { echo "FAIL: no PipeWire session"; exit 1; }
+log="${SESSION_DIR}/browser"
+mkdir -p "${log}"
+
+# The portal's GTK backend needs a display; a virtual one on the first free number.
+Xvfb -displayfd 3 -screen 0 640x480x24 3>"${log}/display" >"${log}/xvfb.log" 2>&1 &
+background+=("$!")
+wait_for "[ -s '${log}/display' ]" 10 || { echo "FAIL: Xvfb did not start"; exit 1; }
+export DISPLAY=":$(head -1 "${log}/display")" XDG_CURRENT_DESKTOP=GNOME
+
+"${extension}" >"${log}/extension.log" 2>&1 &
+background+=("$!")
+wait_for "pw-cli ls Node | grep -q flowmere-camera-sink" 10 ||
+  { echo "FAIL: the extension published no nodes"; cat "${log}/extension.log"; exit 1; }
+"${producer}" --size 1280x720 --format bgra --fps 30 --seconds 60 >"${log}/producer.log" 2>&1 &
+background+=("$!")
+
+# The camera portal grants access from its permission store; grant it before asking, as a user
+# who allowed the camera once would have. The portal's backend starts first so that the portal
+# finds it.
+gdbus call --session --dest org.freedesktop.impl.portal.PermissionStore \
+  --object-path /org/freedesktop/impl/portal/PermissionStore \
+  --method org.freedesktop.impl.portal.PermissionStore.SetPermission \
+  devices true camera "" "['yes']" >/dev/null ||
+  { echo "FAIL: could not grant the camera permission"; exit 1; }
+"${portal_gtk}" >"${log}/portal-gtk.log" 2>&1 &
+background+=("$!")
+wait_for "gdbus introspect --session --dest org.freedesktop.impl.portal.desktop.gtk \
+  --object-path /org/freedesktop/portal/desktop" 10
+"${portal}" >"${log}/portal.log" 2>&1 &
+background+=("$!")
+wait_for "gdbus introspect --session --dest org.freedesktop.portal.Desktop \
+  --object-path /org/freedesktop/portal/desktop | grep -q portal.Camera" 10 ||
+  { echo "FAIL: the camera portal did not come up"; cat "${log}/portal.log"; exit 1; }
+
+chromium --headless=new --no-sandbox --disable-gpu --use-fake-ui-for-media-stream \
+  --enable-features=WebRtcPipeWireCamera --enable-logging=stderr --v=0 \
+  --user-data-dir="${log}/profile" "file://${here}/browser-camera.html" >"${log}/chromium.log" 2>&1 &
+background+=("$!")
+wait_for "grep -q 'FLOWMERE result' '${log}/chromium.log'" 40
+
+devices="$(grep -o 'FLOWMERE devices [^"]*\[.*\]' "${log}/chromium.log" | head -1)"
+result="$(grep -o 'FLOWMERE result [^"]*' "${log}/chromium.log" | head -1)"
+echo "  ${devices:-no device list}"
+echo "  ${result:-no result}"
+failures=0
+if [[ "${devices}" == *'Flowmere AV Camera Source'* ]]; then
+  echo "PASS: Chromium lists \"Flowmere AV Camera Source\" through the camera portal"
+else
+  echo "FAIL: Chromium does not list the camera"
+  failures=$((failures + 1))
+fi
+# "result frames N size WxH first A last B": frames arrived, in the producer's format, and the
+# numbers read from the pictures are the producer's, in order.
+read -r frames size first last < <(echo "${result}" |
+  sed -n 's/.*frames \([0-9]*\) size \([0-9x]*\) first \(-\?[0-9]*\) last \(-\?[0-9]*\).*/\1 \2 \3 \4/p')
+if [ -n "${frames:-}" ] && [ "${frames}" -gt 0 ] && [ "${size}" = "1280x720" ] &&
+  [ "${first}" -ge 0 ] && [ "${last}" -gt "${first}" ]; then
+  echo "PASS: getUserMedia received ${frames} frames in 3 s (producer frames ${first}..${last})"
+else
+  echo "FAIL: getUserMedia: ${result:-no result}"
+  failures=$((failures + 1))
+fi
+if [ "${failures}" -gt 0 ]; then
+  echo "--- chromium (errors)"; grep -E "ERROR|FLOWMERE" "${log}/chromium.log" | tail -20
+  echo "--- extension"; tail -20 "${log}/extension.log"
+  exit 1
+fi
+echo "all browser checks passed"
