@@ -27,24 +27,10 @@ done
 source "${here}/session.sh"
 background=()
 cleanup() {
-  kill "${background[@]}" 2>/dev/null || true
-  for _ in $(seq 50); do
-    kill -0 "${background[@]}" 2>/dev/null || break
-    sleep 0.1
-  done
-  kill -KILL "${background[@]}" 2>/dev/null || true
+  end_processes "${background[@]}"
   session_stop
 }
 trap cleanup EXIT
-
-# Waits up to $2 seconds (default 5) for `$1` (a command) to succeed.
-wait_for() {
-  local deadline=$((SECONDS + ${2:-5}))
-  until eval "$1" >/dev/null 2>&1; do
-    [ "${SECONDS}" -ge "${deadline}" ] && return 1
-    sleep 0.1
-  done
-}
 
 session_start || { echo "FAIL: no PipeWire session"; exit 1; }
 log="${SESSION_DIR}/browser"

@@ -26,17 +26,6 @@ failures=0
 work="$(mktemp -d /tmp/flowmere-camera-test.XXXXXX)"
 background=()
 
-# Ends the given processes: SIGTERM, then SIGKILL for any still there after 5 s.
-end_processes() {
-  local pid
-  kill "$@" 2>/dev/null || true
-  for _ in $(seq 50); do
-    for pid in "$@"; do kill -0 "${pid}" 2>/dev/null && break 2; done
-    return 0
-  done
-  kill -KILL "$@" 2>/dev/null || true
-}
-
 cleanup() {
   end_processes "${background[@]}"
   session_stop
@@ -48,15 +37,6 @@ pass() { echo "PASS: $*"; }
 fail() {
   echo "FAIL: $*"
   failures=$((failures + 1))
-}
-
-# Waits up to $2 seconds (default 5) for `$1` (a command) to succeed.
-wait_for() {
-  local deadline=$((SECONDS + ${2:-5}))
-  until eval "$1" >/dev/null 2>&1; do
-    [ "${SECONDS}" -ge "${deadline}" ] && return 1
-    sleep 0.1
-  done
 }
 
 # Starts the producer in the background with the given arguments.

@@ -1,7 +1,32 @@
 #!/usr/bin/env bash
 # A private desktop session for the PipeWire tests: a fresh runtime directory, a session bus,
 # PipeWire and WirePlumber. Source it, call `session_start`, and `session_stop` when done (the
-# tests install it as an EXIT trap).
+# tests install it as an EXIT trap). Also the small helpers the session's tests share.
+
+# Waits up to $2 seconds (default 5) for `$1` (a command) to succeed.
+wait_for() {
+  local deadline=$((SECONDS + ${2:-5}))
+  until eval "$1" >/dev/null 2>&1; do
+    [ "${SECONDS}" -ge "${deadline}" ] && return 1
+    sleep 0.1
+  done
+}
+
+# Ends the given processes: SIGTERM, then SIGKILL for any still there after 5 s.
+end_processes() {
+  local pid
+  kill "$@" 2>/dev/null || true
+  for _ in $(seq 50); do
+    for pid in "$@"; do
+      if kill -0 "${pid}" 2>/dev/null; then
+        sleep 0.1
+        continue 2
+      fi
+    done
+    return 0
+  done
+  kill -KILL "$@" 2>/dev/null || true
+}
 
 session_start() {
   SESSION_DIR="$(mktemp -d /tmp/flowmere-pw.XXXXXX)"
@@ -30,17 +55,13 @@ session_start() {
 }
 
 session_stop() {
-  local index
+  local index reversed=()
   for ((index = ${#SESSION_PIDS[@]} - 1; index >= 0; index--)); do
-    kill "${SESSION_PIDS[index]}" 2>/dev/null || true
+    reversed+=("${SESSION_PIDS[index]}")
   done
   # Services the bus started on its own (portals and the like) share the runtime directory.
   pkill -f "${SESSION_DIR}" 2>/dev/null || true
-  for _ in $(seq 50); do
-    kill -0 "${SESSION_PIDS[@]}" 2>/dev/null || break
-    sleep 0.1
-  done
-  kill -KILL "${SESSION_PIDS[@]}" 2>/dev/null || true
+  end_processes "${reversed[@]}"
   wait "${SESSION_PIDS[@]:1}" 2>/dev/null || true
   rm -rf "${SESSION_DIR}"
 }
