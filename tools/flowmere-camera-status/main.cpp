@@ -284,6 +284,7 @@ int main(int argc, char** argv) {
   std::printf("  state files:    %s%s\n", stateDirectory.c_str(), files.empty() ? " (none)" : "");
 
   std::vector<std::string> keys;
+  keys.reserve(stored.size() + files.size());
   for (const auto& [key, value] : stored) {
     keys.push_back(key);
   }
