@@ -584,8 +584,17 @@ void EmbeddedCameraService::onFileWrite(FileObserver observer) {
   appendObserver(fileObservers_, std::move(observer));
 }
 
+void EmbeddedCameraService::setConsumeAnswerDelay(std::chrono::nanoseconds delay) {
+  consumeAnswerDelayNanoseconds_.store(delay.count(), std::memory_order_relaxed);
+}
+
 void EmbeddedCameraService::dispatchCompletion(platform::Work work) {
-  completionQueue_->async(std::move(work));
+  const std::int64_t delay = consumeAnswerDelayNanoseconds_.load(std::memory_order_relaxed);
+  if (delay > 0) {
+    completionQueue_->asyncAfter(std::chrono::nanoseconds(delay), std::move(work));
+  } else {
+    completionQueue_->async(std::move(work));
+  }
 }
 
 bool EmbeddedCameraService::shouldRefuseStream() {

@@ -20,9 +20,11 @@
 //
 // Threading: every public operation may be called from any thread unless it says otherwise.
 // `mutex_` guards the registry, the clients, the producer queues, the subscribers and the fault
-// switches; it is never held while calling into the extension or a subscriber.
+// switches (except the consume answer delay and the file-write switch, which are atomics); it
+// is never held while calling into the extension or a subscriber.
 
 #include <atomic>
+#include <chrono>
 #include <deque>
 #include <filesystem>
 #include <functional>
@@ -235,6 +237,10 @@ class EmbeddedCameraService final : public platform::Platform,
   // Fault switches that may change while running.
   void failNextConsumeRequests(int count, std::string localizedDescription);
   void setFailFileWrites(bool fail);
+  // Every consume answer (buffer, empty or error) arrives `delay` after its request instead of
+  // at once, as from a service whose answers take time; 0 restores the default. With
+  // failNextConsumeRequests(n) a run of n errors then lasts n x delay, in virtual time too.
+  void setConsumeAnswerDelay(std::chrono::nanoseconds delay);
 
   // Subscribers. They are called on the thread that sends (the consume queue for frames and
   // scheduled outputs), so they must be quick and must not call back into the extension.
@@ -290,6 +296,8 @@ class EmbeddedCameraService final : public platform::Platform,
   std::shared_ptr<EmbeddedProvider> provider_ GUARDED_BY(mutex_);
   int streamsAdded_ GUARDED_BY(mutex_) = 0;
   int consumeFaultsLeft_ GUARDED_BY(mutex_) = 0;
+  // Read on every consume request without the lock.
+  std::atomic<std::int64_t> consumeAnswerDelayNanoseconds_{0};
   std::string consumeFaultDescription_ GUARDED_BY(mutex_);
   // Observer lists are replaced, never changed in place, so a notification copies one pointer
   // under the lock and calls the observers outside it without allocating.

@@ -1,0 +1,182 @@
+#!/usr/bin/env python3
+"""Draws the memory curve of a flowmere-soak run as an SVG line chart.
+
+Reads the CSV that `flowmere-soak --rss-out FILE` writes (seconds,rss_kib,heap_kib) and plots
+resident memory and live heap in MiB against time, with the warm-up time and the allowed growth
+over the warm-up sample marked. Python standard library only.
+
+    python3 tools/flowmere-soak/plot_rss.py soak-rss.csv docs/images/soak-rss.svg \
+        --warmup 60 --tolerance 8 --title "flowmere-soak, 600 s, asan-ubsan" \
+        --compare "resident memory, release build=release-rss.csv"
+"""
+
+import argparse
+import csv
+import math
+import sys
+from xml.sax.saxutils import escape
+
+WIDTH, HEIGHT = 760, 380
+LEFT, RIGHT, TOP, BOTTOM = 70, 20, 64, 50
+RSS_COLOUR = "#1f77b4"
+HEAP_COLOUR = "#2ca02c"
+COMPARE_COLOUR = "#ff7f0e"
+MARK_COLOUR = "#888888"
+LIMIT_COLOUR = "#d62728"
+
+
+def read_samples(path):
+    samples = []
+    with open(path, newline="") as handle:
+        for row in csv.DictReader(handle):
+            samples.append((float(row["seconds"]), float(row["rss_kib"]) / 1024.0,
+                            float(row["heap_kib"]) / 1024.0))
+    if not samples:
+        sys.exit(f"plot_rss.py: no samples in {path}")
+    return samples
+
+
+def nice_step(span, target_ticks):
+    """A 1, 2 or 5 times a power of ten step giving about `target_ticks` ticks over `span`."""
+    raw = span / max(target_ticks, 1)
+    power = 10 ** math.floor(math.log10(raw)) if raw > 0 else 1
+    for factor in (1, 2, 5, 10):
+        if raw <= factor * power:
+            return factor * power
+    return 10 * power
+
+
+def format_number(value):
+    return f"{value:g}"
+
+
+def polyline(points, colour, width=2, dash=None):
+    path = " ".join(f"{x:.1f},{y:.1f}" for x, y in points)
+    dash_attribute = f' stroke-dasharray="{dash}"' if dash else ""
+    return (f'<polyline fill="none" stroke="{colour}" stroke-width="{width}"'
+            f'{dash_attribute} points="{path}"/>')
+
+
+def draw(samples, warmup, tolerance, title, compare=None):
+    """`compare` is an optional (label, samples) pair of another run, whose resident memory is
+    drawn dashed."""
+    end_seconds = max(sample[0] for sample in samples) or 1.0
+    warmup_sample = next((s for s in samples if s[0] >= warmup), samples[-1])
+    limit = warmup_sample[1] + tolerance if tolerance is not None else None
+    top_value = max(max(s[1] for s in samples), limit or 0.0) * 1.1 or 1.0
+    if compare:
+        top_value = max(top_value, max(s[1] for s in compare[1]) * 1.1)
+    x_step = nice_step(end_seconds, 10)
+    y_step = nice_step(top_value, 6)
+    y_max = math.ceil(top_value / y_step) * y_step
+    plot_width = WIDTH - LEFT - RIGHT
+    plot_height = HEIGHT - TOP - BOTTOM
+
+    def x_of(seconds):
+        return LEFT + plot_width * seconds / end_seconds
+
+    def y_of(mib):
+        return TOP + plot_height * (1.0 - mib / y_max)
+
+    parts = [
+        f'<svg xmlns="http://www.w3.org/2000/svg" width="{WIDTH}" height="{HEIGHT}" '
+        f'viewBox="0 0 {WIDTH} {HEIGHT}" font-family="sans-serif" font-size="12">',
+        f'<rect width="{WIDTH}" height="{HEIGHT}" fill="white"/>',
+        f'<text x="{WIDTH / 2}" y="22" text-anchor="middle" font-size="14">{escape(title)}</text>',
+    ]
+    # Grid and ticks.
+    tick = 0.0
+    while tick <= y_max + 1e-9:
+        y = y_of(tick)
+        parts.append(f'<line x1="{LEFT}" y1="{y:.1f}" x2="{WIDTH - RIGHT}" y2="{y:.1f}" '
+                     f'stroke="#e5e5e5"/>')
+        parts.append(f'<text x="{LEFT - 6}" y="{y + 4:.1f}" text-anchor="end">'
+                     f'{format_number(tick)}</text>')
+        tick += y_step
+    tick = 0.0
+    while tick <= end_seconds + 1e-9:
+        x = x_of(tick)
+        parts.append(f'<line x1="{x:.1f}" y1="{TOP}" x2="{x:.1f}" y2="{HEIGHT - BOTTOM}" '
+                     f'stroke="#f0f0f0"/>')
+        parts.append(f'<text x="{x:.1f}" y="{HEIGHT - BOTTOM + 16}" text-anchor="middle">'
+                     f'{format_number(tick)}</text>')
+        tick += x_step
+    parts.append(f'<rect x="{LEFT}" y="{TOP}" width="{plot_width}" height="{plot_height}" '
+                 f'fill="none" stroke="#333333"/>')
+    parts.append(f'<text x="{LEFT + plot_width / 2}" y="{HEIGHT - 12}" text-anchor="middle">'
+                 f'time since start (s)</text>')
+    parts.append(f'<text transform="translate(18 {TOP + plot_height / 2}) rotate(-90)" '
+                 f'text-anchor="middle">MiB</text>')
+
+    # Warm-up and the allowed growth.
+    x_warm = x_of(min(warmup_sample[0], end_seconds))
+    parts.append(f'<line x1="{x_warm:.1f}" y1="{TOP}" x2="{x_warm:.1f}" y2="{HEIGHT - BOTTOM}" '
+                 f'stroke="{MARK_COLOUR}" stroke-dasharray="4 4"/>')
+    parts.append(f'<text x="{x_warm + 4:.1f}" y="{TOP + 14}" fill="{MARK_COLOUR}">'
+                 f'end of warm-up</text>')
+    if limit is not None:
+        parts.append(polyline([(x_warm, y_of(limit)), (x_of(end_seconds), y_of(limit))],
+                              LIMIT_COLOUR, 1, "6 3"))
+        parts.append(f'<text x="{WIDTH - RIGHT - 4}" y="{y_of(limit) - 5:.1f}" '
+                     f'text-anchor="end" fill="{LIMIT_COLOUR}">allowed resident memory '
+                     f'({format_number(tolerance)} MiB over warm-up)</text>')
+
+    # The curves.
+    parts.append(polyline([(x_of(s[0]), y_of(s[1])) for s in samples], RSS_COLOUR))
+    parts.append(polyline([(x_of(s[0]), y_of(s[2])) for s in samples], HEAP_COLOUR))
+    if compare:
+        other = [s for s in compare[1] if s[0] <= end_seconds]
+        parts.append(polyline([(x_of(s[0]), y_of(s[1])) for s in other], COMPARE_COLOUR, 2, "6 3"))
+
+    # End values, above the curves' last points.
+    last = samples[-1]
+    parts.append(f'<text x="{WIDTH - RIGHT - 4}" y="{y_of(last[1]) - 6:.1f}" text-anchor="end" '
+                 f'fill="{RSS_COLOUR}">{last[1]:.1f} MiB</text>')
+    parts.append(f'<text x="{WIDTH - RIGHT - 4}" y="{y_of(last[2]) - 6:.1f}" text-anchor="end" '
+                 f'fill="{HEAP_COLOUR}">{last[2]:.2f} MiB</text>')
+    if compare:
+        other_last = compare[1][-1]
+        parts.append(f'<text x="{WIDTH - RIGHT - 4}" y="{y_of(other_last[1]) - 6:.1f}" '
+                     f'text-anchor="end" fill="{COMPARE_COLOUR}">{other_last[1]:.1f} MiB</text>')
+
+    # Legend, between the title and the plot.
+    entries = [(RSS_COLOUR, "resident memory", None), (HEAP_COLOUR, "live heap", None)]
+    if compare:
+        entries.append((COMPARE_COLOUR, compare[0], "6 3"))
+    x = LEFT
+    for colour, label, dash in entries:
+        dash_attribute = f' stroke-dasharray="{dash}"' if dash else ""
+        parts.append(f'<line x1="{x}" y1="42" x2="{x + 24}" y2="42" stroke="{colour}" '
+                     f'stroke-width="2"{dash_attribute}/>')
+        parts.append(f'<text x="{x + 30}" y="46">{escape(label)}</text>')
+        x += 36 + 7 * len(label)
+    parts.append("</svg>")
+    return "\n".join(parts) + "\n"
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("csv", help="the samples, as flowmere-soak --rss-out writes them")
+    parser.add_argument("svg", help="where to write the chart")
+    parser.add_argument("--warmup", type=float, default=60.0,
+                        help="warm-up time in seconds (default 60)")
+    parser.add_argument("--tolerance", type=float, default=None,
+                        help="allowed resident-memory growth over the warm-up sample, MiB")
+    parser.add_argument("--title", default="flowmere-soak: memory over time")
+    parser.add_argument("--compare", metavar="LABEL=CSV",
+                        help="another run's samples, whose resident memory is drawn dashed")
+    arguments = parser.parse_args()
+    samples = read_samples(arguments.csv)
+    compare = None
+    if arguments.compare:
+        label, separator, path = arguments.compare.partition("=")
+        if not separator:
+            parser.error("--compare wants LABEL=CSV")
+        compare = (label, read_samples(path))
+    with open(arguments.svg, "w") as handle:
+        handle.write(draw(samples, arguments.warmup, arguments.tolerance, arguments.title,
+                          compare))
+
+
+if __name__ == "__main__":
+    main()
