@@ -1,13 +1,17 @@
 // flowmere-camera-producer: pushes a test pattern (or a raw video file) into the Flowmere
-// camera's sink node, at a chosen format and rate; and checks captured PNG frames against that
-// pattern.
+// camera's sink node, at a chosen format and rate; checks captured PNG frames against that
+// pattern; and, as a camera client, records when each pattern frame arrives.
 //
 //   flowmere-camera-producer [--target NODE] [--format bgra|p010] [--size WxH] [--fps N]
-//                            [--transfer pq|hlg] [--seconds N] [--file RAW]
+//                            [--transfer pq|hlg] [--seconds N] [--file RAW] [--timestamps FILE]
 //   flowmere-camera-producer check [--allow-gaps] FRAME.png...
+//   flowmere-camera-producer receive [--target NODE] [--seconds N] [--timestamps FILE]
 //
 // Time stamps are the frames' scheduled times on CLOCK_MONOTONIC, 1/fps apart, in nanoseconds;
-// sequence numbers count from 0.
+// sequence numbers count from 0. With --timestamps, the producer appends "frame_number
+// push_time_ns" for every frame (CLOCK_MONOTONIC just before the frame is queued to PipeWire) and
+// the receiver "frame_number receive_time_ns" (just after the buffer is dequeued): joined on the
+// frame number, they give each frame's latency.
 
 #include <pipewire/pipewire.h>
 #include <spa/buffer/meta.h>
@@ -29,6 +33,8 @@
 
 #include "FramePattern.h"
 #include "PngReader.h"
+#include "Receiver.h"
+#include "TimestampLog.h"
 #include "pipewire/SpaFormats.h"
 
 namespace {
@@ -44,6 +50,7 @@ struct Options {
   std::string transfer = "pq";
   double seconds = 0;  // 0: until interrupted
   std::string file;
+  std::string timestamps;
 };
 
 std::int64_t monotonicNanoseconds() {
@@ -66,6 +73,7 @@ struct Producer {
   std::int64_t firstPush = 0;
   std::ifstream file;
   std::vector<char> fileFrame;
+  flowmere::producer::TimestampLog pushLog;  // --timestamps: one line per queued frame
   bool streaming = false;
 };
 
@@ -122,6 +130,7 @@ void onProcess(void* data) {
     header->dts_offset = 0;
     header->seq = producer.frame;
   }
+  producer.pushLog.record(producer.frame, monotonicNanoseconds());
   pw_stream_queue_buffer(producer.stream, buffer);
   if (producer.frame == 0) {
     producer.firstPush = now;
@@ -188,7 +197,9 @@ int usage() {
   std::fputs(
       "usage: flowmere-camera-producer [--target NODE] [--format bgra|p010] [--size WxH]\n"
       "                                [--fps N] [--transfer pq|hlg] [--seconds N] [--file RAW]\n"
-      "       flowmere-camera-producer check [--allow-gaps] FRAME.png...\n",
+      "                                [--timestamps FILE]\n"
+      "       flowmere-camera-producer check [--allow-gaps] FRAME.png...\n"
+      "       flowmere-camera-producer receive [--target NODE] [--seconds N] [--timestamps FILE]\n",
       stderr);
   return 2;
 }
@@ -265,6 +276,9 @@ int main(int argc, char** argv) {
   if (argc > 1 && std::strcmp(argv[1], "check") == 0) {
     return check(argc, argv);
   }
+  if (argc > 1 && std::strcmp(argv[1], "receive") == 0) {
+    return flowmere::producer::runReceiver(argc, argv);
+  }
   Options options;
   for (int i = 1; i < argc; ++i) {
     const std::string flag = argv[i];
@@ -288,6 +302,8 @@ int main(int argc, char** argv) {
       options.seconds = std::atof(value);
     } else if (flag == "--file") {
       options.file = value;
+    } else if (flag == "--timestamps") {
+      options.timestamps = value;
     } else {
       std::fprintf(stderr, "flowmere-camera-producer: bad option %s %s\n", flag.c_str(), value);
       return usage();
@@ -317,6 +333,11 @@ int main(int argc, char** argv) {
       return 1;
     }
     producer.fileFrame.resize(producer.layout.frameSize);
+  }
+  if (!options.timestamps.empty() && !producer.pushLog.open(options.timestamps)) {
+    std::fprintf(stderr, "flowmere-camera-producer: cannot write %s: %s\n",
+                 options.timestamps.c_str(), std::strerror(errno));
+    return 1;
   }
 
   pw_init(&argc, &argv);
@@ -370,5 +391,10 @@ int main(int argc, char** argv) {
   pw_stream_destroy(producer.stream);
   pw_main_loop_destroy(producer.loop);
   pw_deinit();
+  if (!producer.pushLog.close()) {
+    std::fprintf(stderr, "flowmere-camera-producer: writing %s failed\n",
+                 options.timestamps.c_str());
+    return 1;
+  }
   return 0;
 }

@@ -1,0 +1,271 @@
+// The `receive` subcommand: links an input stream to a video node (the camera's source by
+// default), takes BGRA frames of any size and, for every frame, reads the frame number from the
+// pattern's counter blocks and records it with the time the buffer was dequeued. Only the 32
+// block centres of one row are read: the per-frame cost does not depend on the frame size.
+
+#include "Receiver.h"
+
+#include <pipewire/pipewire.h>
+#include <spa/param/video/format-utils.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <optional>
+#include <string>
+
+#include "FramePattern.h"
+#include "TimestampLog.h"
+
+namespace flowmere::producer {
+namespace {
+
+struct ReceiveOptions {
+  std::string target = "flowmere-camera-source";
+  std::string timestamps;
+  double seconds = 0;  // 0: until interrupted
+};
+
+std::int64_t monotonicNanoseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+}
+
+// The whole receiver: one input stream on a main loop. The stream is not RT_PROCESS, so its
+// process callback runs on the main-loop thread like every other callback; every field belongs
+// to that thread and none needs a lock.
+struct Receiver {
+  ReceiveOptions options;
+  pw_main_loop* loop = nullptr;
+  pw_stream* stream = nullptr;
+  spa_hook listener{};
+  std::uint32_t width = 0;  // the negotiated format; 0 until a format is set
+  std::uint32_t height = 0;
+  TimestampLog log;
+  std::uint64_t frames = 0;      // buffers whose frame number could be read
+  std::uint64_t unreadable = 0;  // buffers too small or without the counter blocks
+  std::uint64_t missing = 0;     // numbers skipped between consecutive frames
+  std::uint64_t repeated = 0;    // a frame number equal to the one before
+  std::uint64_t backwards = 0;   // a frame number lower than the one before
+  std::optional<std::uint32_t> firstNumber;
+  std::uint32_t lastNumber = 0;
+  std::int64_t firstReceive = 0;
+  std::int64_t lastReceive = 0;
+};
+
+// Reads the frame number of one BGRA buffer, or nothing when the buffer cannot hold the pattern.
+std::optional<std::uint32_t> counterOf(const Receiver& receiver, const spa_data& block) {
+  if (!block.data || !block.chunk || receiver.width == 0) {
+    return std::nullopt;
+  }
+  const std::size_t rowBytes = static_cast<std::size_t>(receiver.width) * 4;
+  // Some producers (GStreamer's pipewiresink) leave the stride at 0: rows are then packed.
+  const std::size_t stride =
+      block.chunk->stride > 0 ? static_cast<std::size_t>(block.chunk->stride) : rowBytes;
+  const std::size_t offset = block.chunk->offset % std::max<std::uint32_t>(block.maxsize, 1);
+  if (stride < rowBytes || block.chunk->size < stride * kCounterRows ||
+      offset + stride * kCounterRows > block.maxsize) {
+    return std::nullopt;
+  }
+  const auto* base = static_cast<const std::uint8_t*>(block.data) + offset;
+  return readCounter(receiver.width, receiver.height, [&](std::uint32_t x, std::uint32_t y) {
+    const std::uint8_t* pixel = base + y * stride + static_cast<std::size_t>(x) * 4;
+    return Rgb{pixel[2], pixel[1], pixel[0]};
+  });
+}
+
+void onProcess(void* data) {
+  auto& receiver = *static_cast<Receiver*>(data);
+  while (pw_buffer* buffer = pw_stream_dequeue_buffer(receiver.stream)) {
+    const std::int64_t now = monotonicNanoseconds();
+    const std::optional<std::uint32_t> number = counterOf(receiver, buffer->buffer->datas[0]);
+    pw_stream_queue_buffer(receiver.stream, buffer);
+    if (!number) {
+      ++receiver.unreadable;
+      continue;
+    }
+    receiver.log.record(*number, now);
+    if (!receiver.firstNumber) {
+      receiver.firstNumber = *number;
+      receiver.firstReceive = now;
+    } else if (*number > receiver.lastNumber) {
+      receiver.missing += *number - receiver.lastNumber - 1;
+    } else if (*number == receiver.lastNumber) {
+      ++receiver.repeated;
+    } else {
+      ++receiver.backwards;
+    }
+    receiver.lastNumber = *number;
+    receiver.lastReceive = now;
+    ++receiver.frames;
+  }
+}
+
+void onStateChanged(void* data, pw_stream_state /*old*/, pw_stream_state state, const char* error) {
+  auto& receiver = *static_cast<Receiver*>(data);
+  std::fprintf(stderr, "receiver: %s%s%s\n", pw_stream_state_as_string(state), error ? ": " : "",
+               error ? error : "");
+  if (state == PW_STREAM_STATE_ERROR || state == PW_STREAM_STATE_UNCONNECTED) {
+    pw_main_loop_quit(receiver.loop);
+  }
+}
+
+void onParamChanged(void* data, std::uint32_t id, const spa_pod* param) {
+  auto& receiver = *static_cast<Receiver*>(data);
+  if (id != SPA_PARAM_Format || !param) {
+    return;
+  }
+  spa_video_info_raw info{};
+  if (spa_format_video_raw_parse(param, &info) < 0 || info.format != SPA_VIDEO_FORMAT_BGRA) {
+    std::fputs("receiver: the node chose a format other than BGRA\n", stderr);
+    receiver.width = 0;
+    return;
+  }
+  receiver.width = info.size.width;
+  receiver.height = info.size.height;
+  std::fprintf(stderr, "receiver: %ux%u BGRA\n", receiver.width, receiver.height);
+  // Plain memory only (the counter is read in place), one block of packed rows at least. The
+  // size matters when the other side states none (GStreamer's pipewiresink before its first
+  // frame): the link would otherwise make empty buffers.
+  const auto stride = static_cast<int>(receiver.width * 4);
+  const auto size = static_cast<int>(static_cast<std::int64_t>(stride) * receiver.height);
+  std::array<std::byte, 512> storage{};
+  spa_pod_builder builder = SPA_POD_BUILDER_INIT(storage.data(), storage.size());
+  const auto* buffers = static_cast<const spa_pod*>(spa_pod_builder_add_object(
+      &builder, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers, SPA_PARAM_BUFFERS_buffers,
+      SPA_POD_CHOICE_RANGE_Int(8, 2, 16), SPA_PARAM_BUFFERS_blocks, SPA_POD_Int(1),
+      SPA_PARAM_BUFFERS_size, SPA_POD_CHOICE_RANGE_Int(size, size, INT32_MAX),
+      SPA_PARAM_BUFFERS_stride, SPA_POD_CHOICE_RANGE_Int(stride, stride, INT32_MAX),
+      SPA_PARAM_BUFFERS_dataType,
+      SPA_POD_CHOICE_FLAGS_Int((1 << SPA_DATA_MemPtr) | (1 << SPA_DATA_MemFd))));
+  pw_stream_update_params(receiver.stream, &buffers, 1);
+}
+
+void onQuit(void* data, int /*signal*/) {
+  pw_main_loop_quit(static_cast<Receiver*>(data)->loop);
+}
+
+void onTimeout(void* data, std::uint64_t /*expirations*/) {
+  pw_main_loop_quit(static_cast<Receiver*>(data)->loop);
+}
+
+int usage() {
+  std::fputs(
+      "usage: flowmere-camera-producer receive [--target NODE] [--seconds N] [--timestamps FILE]\n",
+      stderr);
+  return 2;
+}
+
+}  // namespace
+
+int runReceiver(int argc, char** argv) {
+  Receiver receiver;
+  ReceiveOptions& options = receiver.options;
+  for (int i = 2; i < argc; i += 2) {
+    const std::string flag = argv[i];
+    const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
+    if (!value) {
+      return usage();
+    }
+    if (flag == "--target") {
+      options.target = value;
+    } else if (flag == "--seconds" && std::atof(value) >= 0) {
+      options.seconds = std::atof(value);
+    } else if (flag == "--timestamps") {
+      options.timestamps = value;
+    } else {
+      std::fprintf(stderr, "flowmere-camera-producer receive: bad option %s %s\n", flag.c_str(),
+                   value);
+      return usage();
+    }
+  }
+  if (!options.timestamps.empty() && !receiver.log.open(options.timestamps)) {
+    std::fprintf(stderr, "flowmere-camera-producer receive: cannot write %s: %s\n",
+                 options.timestamps.c_str(), std::strerror(errno));
+    return 1;
+  }
+
+  pw_init(&argc, &argv);
+  receiver.loop = pw_main_loop_new(nullptr);
+  pw_loop* loop = pw_main_loop_get_loop(receiver.loop);
+  pw_loop_add_signal(loop, SIGINT, onQuit, &receiver);
+  pw_loop_add_signal(loop, SIGTERM, onQuit, &receiver);
+  if (options.seconds > 0) {
+    spa_source* timer = pw_loop_add_timer(loop, onTimeout, &receiver);
+    const auto total = static_cast<std::int64_t>(options.seconds * 1e9);
+    timespec timeout{static_cast<time_t>(total / 1'000'000'000),
+                     static_cast<long>(total % 1'000'000'000)};
+    pw_loop_update_timer(loop, timer, &timeout, nullptr, false);
+  }
+
+  pw_properties* props = pw_properties_new(
+      PW_KEY_MEDIA_TYPE, "Video", PW_KEY_MEDIA_CATEGORY, "Capture", PW_KEY_MEDIA_ROLE, "Camera",
+      PW_KEY_NODE_NAME, "flowmere-camera-receiver", PW_KEY_APP_NAME, "flowmere-camera-receiver",
+      PW_KEY_TARGET_OBJECT, options.target.c_str(), nullptr);
+  receiver.stream = pw_stream_new_simple(
+      loop, "flowmere-camera-receiver", props,
+      [] {
+        static pw_stream_events events{};
+        events.version = PW_VERSION_STREAM_EVENTS;
+        events.state_changed = onStateChanged;
+        events.param_changed = onParamChanged;
+        events.process = onProcess;
+        return &events;
+      }(),
+      &receiver);
+  std::array<std::byte, 512> storage{};
+  spa_pod_builder builder = SPA_POD_BUILDER_INIT(storage.data(), storage.size());
+  spa_rectangle defaultSize{1920, 1080};
+  spa_rectangle minSize{1, 1};
+  spa_rectangle maxSize{16384, 16384};
+  spa_fraction defaultRate{30, 1};
+  spa_fraction minRate{0, 1};
+  spa_fraction maxRate{1000, 1};
+  const auto* format = static_cast<const spa_pod*>(spa_pod_builder_add_object(
+      &builder, SPA_TYPE_OBJECT_Format, SPA_PARAM_EnumFormat, SPA_FORMAT_mediaType,
+      SPA_POD_Id(SPA_MEDIA_TYPE_video), SPA_FORMAT_mediaSubtype, SPA_POD_Id(SPA_MEDIA_SUBTYPE_raw),
+      SPA_FORMAT_VIDEO_format, SPA_POD_Id(SPA_VIDEO_FORMAT_BGRA), SPA_FORMAT_VIDEO_size,
+      SPA_POD_CHOICE_RANGE_Rectangle(&defaultSize, &minSize, &maxSize), SPA_FORMAT_VIDEO_framerate,
+      SPA_POD_CHOICE_RANGE_Fraction(&defaultRate, &minRate, &maxRate)));
+  if (pw_stream_connect(
+          receiver.stream, PW_DIRECTION_INPUT, PW_ID_ANY,
+          static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS),
+          &format, 1) < 0) {
+    std::fputs("flowmere-camera-producer receive: cannot connect to PipeWire\n", stderr);
+    return 1;
+  }
+  std::fprintf(stderr, "receiver: capturing %s\n", options.target.c_str());
+  pw_main_loop_run(receiver.loop);
+  pw_stream_destroy(receiver.stream);
+  pw_main_loop_destroy(receiver.loop);
+  pw_deinit();
+
+  const bool written = receiver.log.close();
+  const double span = static_cast<double>(receiver.lastReceive - receiver.firstReceive) / 1e9;
+  std::printf(
+      "received %llu frames in %.2f s (%.2f fps): numbers %u..%u, %llu missing, %llu repeated, "
+      "%llu out of order, %llu unreadable\n",
+      static_cast<unsigned long long>(receiver.frames), span,
+      span > 0 ? static_cast<double>(receiver.frames - 1) / span : 0.0,
+      receiver.firstNumber.value_or(0), receiver.lastNumber,
+      static_cast<unsigned long long>(receiver.missing),
+      static_cast<unsigned long long>(receiver.repeated),
+      static_cast<unsigned long long>(receiver.backwards),
+      static_cast<unsigned long long>(receiver.unreadable));
+  if (!written) {
+    std::fprintf(stderr, "flowmere-camera-producer receive: writing %s failed\n",
+                 options.timestamps.c_str());
+    return 1;
+  }
+  return 0;
+}
+
+}  // namespace flowmere::producer
