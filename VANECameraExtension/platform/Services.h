@@ -28,7 +28,9 @@ class Clock {
   [[nodiscard]] double hostSeconds() const { return hostTime().seconds(); }
 };
 
-using Work = InlineFunction<void(), 64>;
+// Large enough to carry a consume answer (its completion, buffer and sequence number) to the
+// platform queue without a heap allocation: a sink polls several hundred times a second.
+using Work = InlineFunction<void(), 128>;
 
 enum class QualityOfService { kUserInteractive, kUserInitiated, kDefault, kUtility, kBackground };
 

@@ -199,13 +199,26 @@ void EmbeddedStream::consumeSampleBufferFromClient(
     }
   }
   pendingConsumeRequests_->fetch_add(1);
-  service_.dispatchCompletion([pending = pendingConsumeRequests_,
-                               completion = std::move(completion), buffer = std::move(buffer),
-                               sequenceNumber, hasMore, error = std::move(error)]() mutable {
+  if (error) {
+    // Rare: an error is too large to travel inline, so this answer costs an allocation.
+    service_.dispatchCompletion([pending = pendingConsumeRequests_,
+                                 completion = std::move(completion),
+                                 error = std::move(error)]() mutable {
+      pending->fetch_sub(1);
+      completion(nullptr, 0, platform::CMIOExtensionStreamDiscontinuityFlagNone, false,
+                 std::move(error));
+    });
+    return;
+  }
+  auto answer = [pending = pendingConsumeRequests_, completion = std::move(completion),
+                 buffer = std::move(buffer), sequenceNumber, hasMore]() mutable {
     pending->fetch_sub(1);
     completion(std::move(buffer), sequenceNumber,
-               platform::CMIOExtensionStreamDiscontinuityFlagNone, hasMore, std::move(error));
-  });
+               platform::CMIOExtensionStreamDiscontinuityFlagNone, hasMore, std::nullopt);
+  };
+  static_assert(platform::Work::fitsInline<decltype(answer)>(),
+                "every poll's answer must reach the platform queue without a heap allocation");
+  service_.dispatchCompletion(std::move(answer));
 }
 
 void EmbeddedStream::notifyScheduledOutputChanged(const platform::ScheduledOutput& output) {

@@ -45,7 +45,7 @@ void ThreadSerialQueue::asyncAfter(std::chrono::nanoseconds delay, platform::Wor
          std::move(work));
 }
 
-void ThreadSerialQueue::submit(std::int64_t deadline, platform::Work work) {
+void ThreadSerialQueue::submit(std::int64_t deadline, platform::Work&& work) {
   bool earliest = false;
   {
     const std::scoped_lock lock(state_->mutex);

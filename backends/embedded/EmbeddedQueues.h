@@ -67,7 +67,7 @@ class ThreadSerialQueue final : public platform::SerialQueue {
     bool stopping = false;  // guarded by mutex
   };
 
-  void submit(std::int64_t deadline, platform::Work work);
+  void submit(std::int64_t deadline, platform::Work&& work);
   static void run(const std::shared_ptr<State>& state, const std::string& name,
                   ThreadQueueOptions options);
 

@@ -11,7 +11,7 @@ std::int64_t ManualExecutor::nowNanoseconds() const {
   return now_;
 }
 
-void ManualExecutor::schedule(std::int64_t deadlineNanoseconds, platform::Work work) {
+void ManualExecutor::schedule(std::int64_t deadlineNanoseconds, platform::Work&& work) {
   const platform::Locker lock(mutex_);
   items_.push(deadlineNanoseconds, std::move(work));
 }

@@ -25,7 +25,7 @@ class ManualExecutor {
 
   [[nodiscard]] std::int64_t nowNanoseconds() const EXCLUDES(mutex_);
   // Runs `work` once virtual time reaches `deadline` (at once, on the next advance, if earlier).
-  void schedule(std::int64_t deadlineNanoseconds, platform::Work work) EXCLUDES(mutex_);
+  void schedule(std::int64_t deadlineNanoseconds, platform::Work&& work) EXCLUDES(mutex_);
   // Runs everything due up to and including `time`, then sets the clock to `time` (never back).
   void advanceTo(std::int64_t timeNanoseconds) EXCLUDES(mutex_);
   void advanceBy(std::int64_t nanoseconds) { advanceTo(nowNanoseconds() + nanoseconds); }

@@ -497,11 +497,14 @@ void PipeWireStream::consumeSampleBufferFromClient(
       }
     }
   }
-  service_.postToPlatform(
-      [completion = std::move(completion), sample = std::move(sample), sequenceNumber]() mutable {
-        completion(std::move(sample), sequenceNumber,
-                   platform::CMIOExtensionStreamDiscontinuityFlagNone, false, std::nullopt);
-      });
+  auto answer = [completion = std::move(completion), sample = std::move(sample),
+                 sequenceNumber]() mutable {
+    completion(std::move(sample), sequenceNumber,
+               platform::CMIOExtensionStreamDiscontinuityFlagNone, false, std::nullopt);
+  };
+  static_assert(platform::Work::fitsInline<decltype(answer)>(),
+                "every poll's answer must reach the platform queue without a heap allocation");
+  service_.postToPlatform(std::move(answer));
 }
 
 void PipeWireStream::sendSampleBuffer(const std::shared_ptr<platform::SampleBuffer>& buffer,

@@ -159,12 +159,47 @@ void BM_CopyingRelay(benchmark::State& state) {
   state.counters["copied_bytes_per_frame"] = static_cast<double>(2 * size);
 }
 
+// One consume request on the embedded service, from the request to its answer on the platform
+// queue: the poll the sink makes every 2 ms while no frame waits (range 0), or one that takes a
+// pushed frame (range 1).
+void BM_ConsumeRequest(benchmark::State& state) {
+  const bool withFrame = state.range(0) != 0;
+  Relay relay(0, Persistence::kMemory);
+  auto producer = relay.service->makeClient(1, "bench producer");
+  auto& stream = *relay.service->sinkStream();
+  std::uint64_t answered = 0;
+  const auto request = [&] {
+    if (withFrame) {
+      (void)stream.push(producer, relay.frames.front(), answered + 1);
+    }
+    stream.consumeSampleBufferFromClient(
+        producer, [&answered](std::shared_ptr<platform::SampleBuffer> buffer, std::uint64_t,
+                              platform::StreamDiscontinuityFlags, bool,
+                              const std::optional<platform::Error>&) {
+          answered += 1;
+          benchmark::DoNotOptimize(buffer);
+        });
+    relay.service->executor()->runUntilIdle();
+  };
+  request();
+  const std::uint64_t allocationsBefore = allocations.load();
+  const std::uint64_t answeredBefore = answered;
+  for (auto _ : state) {
+    request();
+  }
+  state.counters["allocs_per_request"] =
+      static_cast<double>(allocations.load() - allocationsBefore) /
+      static_cast<double>(answered - answeredBefore);
+  state.SetLabel(withFrame ? "answer with a frame" : "empty answer");
+}
+
 // Format 0: 1920x1080 BGRA; format 6: 3840x2160 10-bit 4:2:0 (HLG).
 BENCHMARK(BM_Relay)
     ->ArgsProduct({{0, 6},
                    {static_cast<int>(Persistence::kDisk), static_cast<int>(Persistence::kMemory)}})
     ->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_CopyingRelay)->Arg(0)->Arg(6)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ConsumeRequest)->Arg(0)->Arg(1);
 
 }  // namespace
 }  // namespace flowmere
