@@ -293,6 +293,20 @@ bool EmbeddedStream::push(const std::shared_ptr<const platform::Client>& client,
   return true;
 }
 
+void EmbeddedStream::discardProducerQueue(const platform::Uuid& clientID) {
+  std::deque<Queued> discarded;
+  {
+    const platform::Locker lock(mutex_);
+    auto found = producerQueues_.find(clientID);
+    if (found == producerQueues_.end()) {
+      return;
+    }
+    discarded = std::move(found->second);
+    producerQueues_.erase(found);
+  }
+  // The buffers are released here, outside the lock: their release callbacks may call back.
+}
+
 std::size_t EmbeddedStream::queuedBufferCount() const {
   const platform::Locker lock(mutex_);
   std::size_t count = 0;
@@ -384,6 +398,15 @@ platform::Status EmbeddedProvider::connect(const std::shared_ptr<const platform:
 void EmbeddedProvider::disconnect(const std::shared_ptr<const platform::Client>& client) {
   if (auto source = source_.lock()) {
     service_.callExtension([&] { source->disconnectClient(client); });
+  }
+  // A client that leaves takes its queued buffers with it; a producer that reconnects under a
+  // new identity would otherwise leave them pinned for the life of the service.
+  if (client) {
+    for (const auto& device : devices()) {
+      for (const auto& stream : device->streams()) {
+        stream->discardProducerQueue(client->clientID());
+      }
+    }
   }
 }
 

@@ -113,6 +113,8 @@ class EmbeddedStream final : public platform::Stream {
   // already holds three buffers (the buffer is refused, not lost silently).
   bool push(const std::shared_ptr<const platform::Client>& client,
             std::shared_ptr<platform::SampleBuffer> buffer, std::uint64_t sequenceNumber);
+  // Drops the buffers a departing client left in its queue, releasing them.
+  void discardProducerQueue(const platform::Uuid& clientID);
   // Buffers waiting in this stream's queues.
   [[nodiscard]] std::size_t queuedBufferCount() const;
   // Consume requests whose completion has not run yet.

@@ -124,6 +124,23 @@ TEST(EmbeddedStreamTest, ProducerQueueRefusesTheFourthBufferAndAnswersInOrder) {
   EXPECT_EQ(answered, (std::vector<std::uint64_t>{1, 2, 3, 0}));
 }
 
+TEST(EmbeddedStreamTest, ADisconnectingProducerTakesItsQueuedBuffersWithIt) {
+  testing::ExtensionHarness harness;
+  auto leaving = harness.makeClient(42, "producer before its restart");
+  auto staying = harness.makeClient(43, "other producer");
+  auto frame = harness.makeFrameForFormat(0, platform::MediaTime::make(0, 30));
+  const std::weak_ptr<platform::SampleBuffer> watched = frame;
+  ASSERT_TRUE(harness.push(leaving, std::move(frame), 1));
+  ASSERT_TRUE(
+      harness.push(leaving, harness.makeFrameForFormat(0, platform::MediaTime::make(1, 30)), 2));
+  ASSERT_TRUE(
+      harness.push(staying, harness.makeFrameForFormat(0, platform::MediaTime::make(0, 30)), 1));
+
+  harness.service().publishedProvider()->disconnect(leaving);
+  EXPECT_TRUE(watched.expired());
+  EXPECT_EQ(harness.sinkPlatformStream().queuedBufferCount(), 1U);
+}
+
 TEST(EmbeddedStreamTest, InjectedConsumeFaultsAnswerWithErrorsThenRecover) {
   testing::ExtensionHarness harness;
   auto producer = harness.makeClient(42, "producer");
