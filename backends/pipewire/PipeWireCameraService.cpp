@@ -294,9 +294,7 @@ void PipeWireStream::handleFormat(const spa_pod* param) {
   layout_ = layout;
   videoInfo_ = info;
   answerBuffers(*layout);
-  service_.writeLog("[pipewire] " + nodeName_ + " format " + std::to_string(info.size.width) + "x" +
-                    std::to_string(info.size.height) + " " +
-                    (info.format == SPA_VIDEO_FORMAT_BGRA ? "BGRA" : "P010") + " index " +
+  service_.writeLog("[pipewire] " + nodeName_ + " format " + describeVideoInfo(info) + " index " +
                     std::to_string(chosen));
   // The choice goes through the stream's own set rules, in order with starts and stops.
   service_.postToPlatform([weak = weak_from_this(), value = chosen] {
@@ -383,6 +381,15 @@ std::vector<const spa_pod*> PipeWireStream::buildFormatOffers(
   return params;
 }
 
+std::optional<spa_video_info_raw> PipeWireStream::offeredFormatInfo(std::int64_t index) const {
+  auto source = source_.lock();
+  const auto formats = source ? source->formats() : nullptr;
+  if (!formats || index < 0 || static_cast<std::size_t>(index) >= formats->size()) {
+    return std::nullopt;
+  }
+  return videoInfoForFormat((*formats)[static_cast<std::size_t>(index)]);
+}
+
 void PipeWireStream::offerFormats(std::optional<std::int64_t> preferredIndex) {
   loopLock_.assertHeld();
   if (!stream_ || isSink()) {
@@ -395,6 +402,11 @@ void PipeWireStream::offerFormats(std::optional<std::int64_t> preferredIndex) {
     return;
   }
   offeredFirst_ = preferredIndex;
+  if (const auto first = preferredIndex ? offeredFormatInfo(*preferredIndex) : std::nullopt) {
+    // Clients that link from now on see this format first; the log says when that begins.
+    service_.writeLog("[pipewire] " + nodeName_ + " offers " + describeVideoInfo(*first) +
+                      " first");
+  }
   // A streaming link keeps its format unless the node is paused around the new offers.
   const bool renegotiate = layout_.has_value() && preferredIndex.has_value();
   if (renegotiate) {

@@ -152,6 +152,8 @@ class PipeWireStream final : public platform::Stream,
   std::vector<const spa_pod*> buildFormatOffers(spa_pod_builder& builder,
                                                 std::optional<std::int64_t> preferredIndex) const;
   void offerFormats(std::optional<std::int64_t> preferredIndex);
+  // The raw-video description of catalogue entry `index`; nothing when there is none.
+  [[nodiscard]] std::optional<spa_video_info_raw> offeredFormatInfo(std::int64_t index) const;
   void answerBuffers(const FrameLayout& layout);
   void updateStreamingClients();
   void releaseHeldBuffer(const std::shared_ptr<HeldBuffer>& held);

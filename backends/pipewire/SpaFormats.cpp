@@ -52,6 +52,11 @@ std::optional<platform::FourCharCode> pixelFormatForSpaFormat(std::uint32_t spaF
   }
 }
 
+std::string describeVideoInfo(const spa_video_info_raw& info) {
+  return std::to_string(info.size.width) + "x" + std::to_string(info.size.height) +
+         (info.format == SPA_VIDEO_FORMAT_BGRA ? " BGRA" : " P010");
+}
+
 std::optional<spa_video_info_raw> videoInfoForFormat(const platform::StreamFormat& format) {
   const platform::FormatDescription& description = format.formatDescription;
   const platform::VideoDimensions dimensions = description.dimensions();

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <string>
 
 #include "platform/FourCharCode.h"
 #include "platform/StreamFormat.h"
@@ -25,6 +26,9 @@ inline constexpr std::uint32_t kSpaTransferAribStdB67 = 15;
 // The raw-video description of a catalogue format; nothing for a pixel format PipeWire cannot
 // carry.
 std::optional<spa_video_info_raw> videoInfoForFormat(const platform::StreamFormat& format);
+
+// "1920x1080 BGRA" or "1920x1080 P010": how the log names a raw-video format.
+std::string describeVideoInfo(const spa_video_info_raw& info);
 
 // The catalogue index whose format matches `info` (pixel format, size and, for HDR formats,
 // transfer function); nothing when no entry matches.

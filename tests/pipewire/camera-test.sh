@@ -26,10 +26,15 @@ failures=0
 work="$(mktemp -d /tmp/flowmere-camera-test.XXXXXX)"
 background=()
 
+# FLOWMERE_TEST_KEEP=1 keeps the logs and captures for a look after a failure.
 cleanup() {
   end_processes "${background[@]}"
   session_stop
-  rm -rf "${work}"
+  if [ "${FLOWMERE_TEST_KEEP:-0}" = 1 ]; then
+    echo "kept ${work}"
+  else
+    rm -rf "${work}"
+  fi
 }
 trap cleanup EXIT
 
@@ -39,12 +44,23 @@ fail() {
   failures=$((failures + 1))
 }
 
-# Starts the producer in the background with the given arguments.
+# Starts the producer in the background with the arguments after $1, and waits until the camera
+# offers its format ($1, as the log names it: "1920x1080 BGRA") first. A client that links while
+# the camera is still switching may take the old format; GStreamer's pipewiresrc then keeps its
+# first caps although the link moves on to the new format.
 start_producer() {
+  local offer="$1"
+  shift
   "${producer}" "$@" >"${work}/producer.out" 2>"${work}/producer.err" &
   producer_pid=$!
   background+=("${producer_pid}")
-  wait_for "pw-cli ls Link | grep -q link" 5
+  wait_for_offer "${offer}"
+}
+
+# Waits until the source's latest offer puts format $1 first.
+wait_for_offer() {
+  wait_for "grep 'flowmere-camera-source offers' '${work}/extension.log' | tail -1 |
+    grep -q 'offers $1 first'" 10 || echo "  (the camera did not offer $1 first within 10 s)"
 }
 
 stop_producer() {
@@ -93,7 +109,7 @@ else
 fi
 
 # --- 2. A 1280x720 BGRA producer at 30 fps: 10 s of frames arrive, exact and none lost.
-start_producer --size 1280x720 --format bgra --fps 30 --seconds 60
+start_producer "1280x720 BGRA" --size 1280x720 --format bgra --fps 30 --seconds 60
 start=$(date +%s%N)
 capture 300 "${work}/capture-720p"
 elapsed=$(awk -v ns="$(($(date +%s%N) - start))" 'BEGIN { printf "%.2f", ns / 1e9 }')
@@ -135,7 +151,7 @@ fi
 stop_producer
 
 # --- 4. The producer switches format: a client connected afterwards gets the new one.
-start_producer --size 1920x1080 --format bgra --fps 30 --seconds 60
+start_producer "1920x1080 BGRA" --size 1920x1080 --format bgra --fps 30 --seconds 60
 capture 10 "${work}/capture-1080p" "video/x-raw"
 result="$("${producer}" check "${work}"/capture-1080p/*.png 2>&1 | tail -1)"
 if "${producer}" check "${work}"/capture-1080p/*.png >/dev/null 2>&1 &&
@@ -147,7 +163,7 @@ fi
 stop_producer
 
 # --- 5. An HDR producer: the source offers it first and a client takes P010.
-start_producer --size 1920x1080 --format p010 --transfer pq --fps 30 --seconds 60
+start_producer "1920x1080 P010" --size 1920x1080 --format p010 --transfer pq --fps 30 --seconds 60
 if timeout 20 gst-launch-1.0 -v pipewiresrc target-object=flowmere-camera-source num-buffers=5 ! \
   video/x-raw ! fakesink >"${work}/hdr.log" 2>&1 && grep -q "format=(string)P010_10LE" "${work}/hdr.log"; then
   pass "a client gets P010 1920x1080 frames from an HDR producer"
@@ -165,7 +181,7 @@ for attempt in 1 2 3; do
     pipewiresink target-object=flowmere-camera-sink >"${work}/gst-producer.log" 2>&1 &
   gst_pid=$!
   background+=("${gst_pid}")
-  sleep 1
+  wait_for_offer "1280x720 BGRA"
   if ! kill -0 "${gst_pid}" 2>/dev/null; then
     echo "  pipewiresink ended by itself (attempt ${attempt})"
     continue
