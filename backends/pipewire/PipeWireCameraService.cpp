@@ -363,19 +363,16 @@ std::vector<const spa_pod*> PipeWireStream::buildFormatOffers(
     return params;
   }
   // The preferred (active) format first: a consumer that accepts anything takes the first offer.
-  auto add = [&](std::size_t index) {
-    if (const auto info = videoInfoForFormat((*formats)[index])) {
-      params.push_back(buildVideoFormat(builder, SPA_PARAM_EnumFormat, *info));
-    }
-  };
-  const bool valid = preferredIndex && *preferredIndex >= 0 &&
-                     static_cast<std::size_t>(*preferredIndex) < formats->size();
-  if (valid) {
-    add(static_cast<std::size_t>(*preferredIndex));
+  const auto preferred = preferredIndex ? offeredFormatInfo(*preferredIndex) : std::nullopt;
+  if (preferred) {
+    params.push_back(buildVideoFormat(builder, SPA_PARAM_EnumFormat, *preferred));
   }
   for (std::size_t index = 0; index < formats->size(); ++index) {
-    if (!valid || index != static_cast<std::size_t>(*preferredIndex)) {
-      add(index);
+    if (preferred && static_cast<std::int64_t>(index) == *preferredIndex) {
+      continue;
+    }
+    if (const auto info = videoInfoForFormat((*formats)[index])) {
+      params.push_back(buildVideoFormat(builder, SPA_PARAM_EnumFormat, *info));
     }
   }
   return params;

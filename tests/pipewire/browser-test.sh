@@ -49,8 +49,7 @@ wait_for "pw-cli ls Node | grep -q flowmere-camera-sink" 10 ||
 "${producer}" --size 1280x720 --format bgra --fps 30 --seconds 60 >"${log}/producer.log" 2>&1 &
 background+=("$!")
 # The browser asks for the camera once the camera offers the producer's format first.
-wait_for "grep 'flowmere-camera-source offers' '${log}/extension.log' | tail -1 |
-  grep -q 'offers 1280x720 BGRA first'" 10 ||
+wait_for_offer "${log}/extension.log" "1280x720 BGRA" ||
   { echo "FAIL: the camera never offered the producer's format"; cat "${log}/extension.log"; exit 1; }
 
 # The camera portal grants access from its permission store; grant it before asking, as a user

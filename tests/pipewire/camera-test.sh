@@ -54,13 +54,8 @@ start_producer() {
   "${producer}" "$@" >"${work}/producer.out" 2>"${work}/producer.err" &
   producer_pid=$!
   background+=("${producer_pid}")
-  wait_for_offer "${offer}"
-}
-
-# Waits until the source's latest offer puts format $1 first.
-wait_for_offer() {
-  wait_for "grep 'flowmere-camera-source offers' '${work}/extension.log' | tail -1 |
-    grep -q 'offers $1 first'" 10 || echo "  (the camera did not offer $1 first within 10 s)"
+  wait_for_offer "${work}/extension.log" "${offer}" ||
+    echo "  (the camera did not offer ${offer} first within 10 s)"
 }
 
 stop_producer() {
@@ -181,7 +176,7 @@ for attempt in 1 2 3; do
     pipewiresink target-object=flowmere-camera-sink >"${work}/gst-producer.log" 2>&1 &
   gst_pid=$!
   background+=("${gst_pid}")
-  wait_for_offer "1280x720 BGRA"
+  wait_for_offer "${work}/extension.log" "1280x720 BGRA"
   if ! kill -0 "${gst_pid}" 2>/dev/null; then
     echo "  pipewiresink ended by itself (attempt ${attempt})"
     continue
