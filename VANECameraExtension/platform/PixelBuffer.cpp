@@ -36,7 +36,8 @@ std::shared_ptr<PixelBuffer> PixelBuffer::create(std::uint32_t width, std::uint3
 std::shared_ptr<PixelBuffer> PixelBuffer::wrap(std::uint32_t width, std::uint32_t height,
                                                FourCharCode pixelFormat,
                                                std::span<const PixelBufferPlane> planes,
-                                               ReleaseCallback onRelease) {
+                                               ReleaseCallback onRelease,
+                                               std::shared_ptr<ExternalMemory> memory) {
   std::shared_ptr<PixelBuffer> buffer(new PixelBuffer());
   buffer->width_ = width;
   buffer->height_ = height;
@@ -44,6 +45,7 @@ std::shared_ptr<PixelBuffer> PixelBuffer::wrap(std::uint32_t width, std::uint32_
   buffer->planeCount_ = std::min(planes.size(), kMaxPlanes);
   std::copy_n(planes.begin(), buffer->planeCount_, buffer->planes_.begin());
   buffer->onRelease_ = std::move(onRelease);
+  buffer->externalMemory_ = std::move(memory);
   return buffer;
 }
 

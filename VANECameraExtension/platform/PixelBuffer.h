@@ -46,6 +46,20 @@ struct PixelBufferPlane {
   std::uint32_t height = 0;  // in rows
 };
 
+// Memory that its owner may take back before the pixel buffer that wraps it is released: a
+// PipeWire link that is renegotiated or removed unmaps its buffers. Code that reads the planes
+// outside the relay's own path (a backend copying a frame into its clients' buffers) brackets
+// the read with `beginAccess` and `endAccess`; the owner waits for such readers before it takes
+// the memory back, and `beginAccess` refuses once it has. The relay itself never reads planes.
+// Any thread; implementations say which lock they use.
+class ExternalMemory {
+ public:
+  virtual ~ExternalMemory() = default;
+  // True when the memory is still there; it then stays there until `endAccess`.
+  [[nodiscard]] virtual bool beginAccess() = 0;
+  virtual void endAccess() = 0;
+};
+
 class PixelBuffer {
  public:
   static constexpr std::size_t kMaxPlanes = 3;
@@ -57,11 +71,13 @@ class PixelBuffer {
   static std::shared_ptr<PixelBuffer> create(std::uint32_t width, std::uint32_t height,
                                              FourCharCode pixelFormat);
   // Wraps planes whose memory belongs to someone else. `onRelease` runs when the last reference
-  // goes, on whichever thread drops it.
+  // goes, on whichever thread drops it. `memory`, when given, is how readers learn whether the
+  // owner has taken the planes back (see ExternalMemory); the buffer holds it until released.
   static std::shared_ptr<PixelBuffer> wrap(std::uint32_t width, std::uint32_t height,
                                            FourCharCode pixelFormat,
                                            std::span<const PixelBufferPlane> planes,
-                                           ReleaseCallback onRelease);
+                                           ReleaseCallback onRelease,
+                                           std::shared_ptr<ExternalMemory> memory = nullptr);
 
   PixelBuffer(const PixelBuffer&) = delete;
   PixelBuffer& operator=(const PixelBuffer&) = delete;
@@ -74,6 +90,8 @@ class PixelBuffer {
   [[nodiscard]] const PixelBufferPlane& plane(std::size_t index) const { return planes_[index]; }
   // Total bytes of pixel memory over all planes.
   [[nodiscard]] std::size_t dataSize() const;
+  // The owner's guard over wrapped memory; null for memory that stays until release.
+  [[nodiscard]] ExternalMemory* externalMemory() const { return externalMemory_.get(); }
 
   // Sets or replaces an attachment. Returns false (and stores nothing) when the table is full.
   bool setAttachment(ConstantString key, ConstantString value, AttachmentMode mode);
@@ -93,6 +111,7 @@ class PixelBuffer {
   std::size_t planeCount_ = 0;
   std::unique_ptr<std::byte[]> ownedMemory_;
   ReleaseCallback onRelease_;
+  std::shared_ptr<ExternalMemory> externalMemory_;
   std::array<Attachment, kMaxAttachments> attachments_{};
   std::size_t attachmentCount_ = 0;
 };
