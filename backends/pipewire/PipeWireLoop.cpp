@@ -1,0 +1,134 @@
+#include "PipeWireLoop.h"
+
+#include <spa/utils/result.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace flowmere::pipewire {
+
+PipeWireLoop::PipeWireLoop(std::string name, LoopCallbacks callbacks)
+    : name_(std::move(name)), callbacks_(std::move(callbacks)), peers_([this] {
+        if (callbacks_.peersChanged) {
+          callbacks_.peersChanged(*this);
+        }
+      }) {
+  threadLoop_ = pw_thread_loop_new(name_.c_str(), nullptr);
+  lock_ = LoopLock(threadLoop_);
+}
+
+PipeWireLoop::~PipeWireLoop() {
+  stop();
+  if (threadLoop_) {
+    pw_thread_loop_destroy(threadLoop_);
+  }
+}
+
+bool PipeWireLoop::start(const std::string& remoteName) {
+  if (!threadLoop_) {
+    std::fprintf(stderr, "[pipewire] could not create the PipeWire loop %s\n", name_.c_str());
+    return false;
+  }
+  const LoopLocker lock(lock_);
+  context_ = pw_context_new(loop(), nullptr, 0);
+  if (!context_) {
+    std::fprintf(stderr, "[pipewire] could not create a PipeWire context\n");
+    return false;
+  }
+  pw_properties* props = nullptr;
+  if (!remoteName.empty()) {
+    props = pw_properties_new(PW_KEY_REMOTE_NAME, remoteName.c_str(), nullptr);
+  }
+  core_ = pw_context_connect(context_, props, 0);
+  if (!core_) {
+    std::fprintf(stderr, "[pipewire] could not connect to PipeWire: %s\n", std::strerror(errno));
+    return false;
+  }
+  static const pw_core_events coreEvents = [] {
+    pw_core_events events{};
+    events.version = PW_VERSION_CORE_EVENTS;
+    events.error = &PipeWireLoop::onCoreError;
+    return events;
+  }();
+  pw_core_add_listener(core_, &coreListener_, &coreEvents, this);
+  {
+    const platform::Locker<platform::Mutex> workLock(workMutex_);
+    workEvent_ = pw_loop_add_event(loop(), &PipeWireLoop::onWork, this);
+  }
+  peers_.attach(core_);
+  if (pw_thread_loop_start(threadLoop_) < 0) {
+    std::fprintf(stderr, "[pipewire] could not start the PipeWire thread %s\n", name_.c_str());
+    return false;
+  }
+  running_ = true;
+  return true;
+}
+
+void PipeWireLoop::stop() {
+  if (!threadLoop_) {
+    return;
+  }
+  if (running_) {
+    pw_thread_loop_stop(threadLoop_);
+    running_ = false;
+  }
+  const LoopLocker lock(lock_);
+  peers_.detach();
+  {
+    const platform::Locker<platform::Mutex> workLock(workMutex_);
+    if (workEvent_) {
+      pw_loop_destroy_source(loop(), workEvent_);
+      workEvent_ = nullptr;
+    }
+    work_.clear();
+  }
+  if (core_) {
+    spa_hook_remove(&coreListener_);
+    pw_core_disconnect(core_);
+    core_ = nullptr;
+  }
+  if (context_) {
+    pw_context_destroy(context_);
+    context_ = nullptr;
+  }
+}
+
+void PipeWireLoop::post(std::function<void()> work) {
+  // Signalling the event is safe from any thread without the loop lock.
+  const platform::Locker<platform::Mutex> lock(workMutex_);
+  if (!workEvent_) {
+    return;
+  }
+  work_.push_back(std::move(work));
+  pw_loop_signal_event(loop(), workEvent_);
+}
+
+void PipeWireLoop::onWork(void* data, std::uint64_t /*count*/) {
+  static_cast<PipeWireLoop*>(data)->runWork();
+}
+
+void PipeWireLoop::runWork() {
+  std::vector<std::function<void()>> work;
+  {
+    const platform::Locker<platform::Mutex> lock(workMutex_);
+    work.swap(work_);
+  }
+  for (auto& item : work) {
+    item();
+  }
+}
+
+void PipeWireLoop::onCoreError(void* data, std::uint32_t id, int /*seq*/, int res,
+                               const char* message) {
+  auto* self = static_cast<PipeWireLoop*>(data);
+  if (self->callbacks_.log) {
+    self->callbacks_.log("[pipewire] " + self->name_ + ": error on object " + std::to_string(id) +
+                         ": " + spa_strerror(res) + " (" + (message ? message : "") + ")");
+  }
+  if (id == PW_ID_CORE && res == -EPIPE && self->callbacks_.disconnected) {
+    self->callbacks_.disconnected();
+  }
+}
+
+}  // namespace flowmere::pipewire

@@ -1,0 +1,179 @@
+#include "PipeWireSourceStream.h"
+
+#include <spa/buffer/meta.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+namespace flowmere::pipewire {
+
+namespace {
+
+constexpr std::size_t kPodBufferSize = 8192;
+
+// Ends a pin on scope exit unless released earlier.
+class AccessGuard {
+ public:
+  explicit AccessGuard(platform::ExternalMemory* memory) : memory_(memory) {}
+  ~AccessGuard() { end(); }
+  AccessGuard(const AccessGuard&) = delete;
+  AccessGuard& operator=(const AccessGuard&) = delete;
+  void end() {
+    if (memory_) {
+      memory_->endAccess();
+      memory_ = nullptr;
+    }
+  }
+
+ private:
+  platform::ExternalMemory* memory_;
+};
+
+// Copies the planes of `pixels` into one block laid out as `layout`.
+void copyFrame(const platform::PixelBuffer& pixels, const FrameLayout& layout, std::byte* target) {
+  for (std::size_t index = 0; index < layout.planeCount; ++index) {
+    const platform::PixelBufferPlane& plane = pixels.plane(index);
+    std::byte* rows = target + layout.planeOffset(index);
+    const std::size_t rowBytes = std::min<std::size_t>(plane.bytesPerRow, layout.stride);
+    const std::uint32_t height = layout.planeHeight(index);
+    if (plane.bytesPerRow == layout.stride) {
+      std::memcpy(rows, plane.data, static_cast<std::size_t>(layout.stride) * height);
+      continue;
+    }
+    for (std::uint32_t y = 0; y < height; ++y) {
+      std::memcpy(rows + static_cast<std::size_t>(y) * layout.stride,
+                  plane.data + static_cast<std::size_t>(y) * plane.bytesPerRow, rowBytes);
+    }
+  }
+}
+
+}  // namespace
+
+pw_stream_flags PipeWireSourceStream::connectFlags() const {
+  return static_cast<pw_stream_flags>(PW_STREAM_FLAG_DRIVER | PW_STREAM_FLAG_MAP_BUFFERS);
+}
+
+void PipeWireSourceStream::addNodeProperties(pw_properties* props) const {
+  pw_properties_set(props, PW_KEY_MEDIA_CATEGORY, "Capture");
+  pw_properties_set(props, PW_KEY_MEDIA_CLASS, "Video/Source");
+  pw_properties_set(props, PW_KEY_MEDIA_ROLE, "Camera");
+}
+
+void PipeWireSourceStream::notifyPropertiesChanged(const platform::PropertyStateMap& changes) {
+  // Called with the extension's locks held: never take the loop lock here.
+  for (const auto& [name, state] : changes) {
+    if (name != platform::CMIOExtensionPropertyStreamActiveFormatIndex) {
+      continue;
+    }
+    if (const auto* index = std::get_if<std::int64_t>(&state.value)) {
+      loop_->post([weak = weak_from_this(), value = *index] {
+        if (auto self = std::static_pointer_cast<PipeWireSourceStream>(weak.lock())) {
+          self->loopLock_.assertHeld();
+          self->offerFormats(value);
+        }
+      });
+    }
+  }
+  PipeWireStream::notifyPropertiesChanged(changes);
+}
+
+void PipeWireSourceStream::offerFormats(std::optional<std::int64_t> preferredIndex) {
+  const auto formats = catalogue();
+  if (!stream_ || !formats) {
+    return;
+  }
+  std::array<std::byte, kPodBufferSize> storage{};
+  spa_pod_builder builder = SPA_POD_BUILDER_INIT(storage.data(), storage.size());
+  std::vector<const spa_pod*> params = buildFormatOffers(builder, *formats, preferredIndex);
+  if (params.empty()) {
+    return;
+  }
+  offeredFirst_ = preferredIndex;
+  if (preferredIndex && *preferredIndex >= 0 &&
+      static_cast<std::size_t>(*preferredIndex) < formats->size()) {
+    if (const auto first =
+            videoInfoForFormat((*formats)[static_cast<std::size_t>(*preferredIndex)])) {
+      // Clients that link from now on see this format first; the log says when that begins.
+      writeLog("[pipewire] " + nodeName_ + " offers " + describeVideoInfo(*first) + " first");
+    }
+  }
+  // A streaming link keeps its format unless the node is paused around the new offers.
+  const bool renegotiate = layout_.has_value() && preferredIndex.has_value();
+  if (renegotiate) {
+    pw_stream_set_active(stream_, false);
+  }
+  pw_stream_update_params(stream_, params.data(), static_cast<std::uint32_t>(params.size()));
+  if (renegotiate) {
+    pw_stream_set_active(stream_, true);
+  }
+}
+
+void PipeWireSourceStream::sendSampleBuffer(const std::shared_ptr<platform::SampleBuffer>& buffer,
+                                            platform::StreamDiscontinuityFlags /*discontinuity*/,
+                                            std::uint64_t hostTimeInNanoseconds) {
+  const std::shared_ptr<platform::PixelBuffer>& pixels = buffer ? buffer->imageBuffer() : nullptr;
+  if (!pixels) {
+    return;
+  }
+  // The producer's memory must stay mapped until the copy is done.
+  platform::ExternalMemory* input = pixels->externalMemory();
+  if (input && !input->beginAccess()) {
+    return;  // the producer's link was renegotiated or removed since the frame arrived
+  }
+  AccessGuard inputGuard(input);
+
+  std::shared_ptr<BufferSlot> target;
+  FrameLayout layout;
+  {
+    const LoopLocker lock(loopLock_);
+    if (!stream_ || state_ != PW_STREAM_STATE_STREAMING || !layout_ ||
+        pixels->width() != layout_->width || pixels->height() != layout_->height ||
+        pixels->pixelFormat() != layout_->pixelFormat ||
+        pixels->planeCount() != layout_->planeCount) {
+      return;
+    }
+    pw_buffer* out = pw_stream_dequeue_buffer(stream_);
+    if (!out) {
+      return;  // every buffer is with the clients: this frame is dropped
+    }
+    BufferSlot* slot = slotFor(out);
+    spa_data& data = out->buffer->datas[0];
+    if (!slot || !data.data || data.maxsize < layout_->frameSize || !slot->beginAccess()) {
+      data.chunk->size = 0;
+      pw_stream_queue_buffer(stream_, out);
+      return;
+    }
+    target = slot->shared_from_this();
+    layout = *layout_;
+  }
+  AccessGuard targetGuard(target.get());
+  copyFrame(*pixels, layout, static_cast<std::byte*>(target->buffer()->buffer->datas[0].data));
+  targetGuard.end();
+  inputGuard.end();
+
+  const LoopLocker lock(loopLock_);
+  if (!stream_ || target->revoked()) {
+    return;  // the client's link was renegotiated during the copy: the buffer is gone
+  }
+  pw_buffer* out = target->buffer();
+  spa_data& data = out->buffer->datas[0];
+  data.chunk->offset = 0;
+  data.chunk->size = static_cast<std::uint32_t>(layout.frameSize);
+  data.chunk->stride = static_cast<std::int32_t>(layout.stride);
+  data.chunk->flags = 0;
+  if (auto* header = static_cast<spa_meta_header*>(
+          spa_buffer_find_meta_data(out->buffer, SPA_META_Header, sizeof(spa_meta_header)))) {
+    header->flags = 0;
+    header->offset = 0;
+    header->pts = static_cast<std::int64_t>(hostTimeInNanoseconds);
+    header->dts_offset = 0;
+    header->seq = ++sentSequence_;
+  }
+  pw_stream_queue_buffer(stream_, out);
+  if (pw_stream_is_driving(stream_)) {
+    pw_stream_trigger_process(stream_);
+  }
+}
+
+}  // namespace flowmere::pipewire
