@@ -1,5 +1,7 @@
 #include "FramePattern.h"
 
+#include <cstring>
+
 namespace flowmere::producer {
 
 Rgb patternPixel(std::uint32_t x, std::uint32_t y, std::uint32_t width, std::uint64_t frame) {
@@ -20,7 +22,8 @@ Rgb patternPixel(std::uint32_t x, std::uint32_t y, std::uint32_t width, std::uin
 
 void fillBgra(std::uint8_t* data, std::size_t stride, std::uint32_t width, std::uint32_t height,
               std::uint64_t frame) {
-  for (std::uint32_t y = 0; y < height; ++y) {
+  const std::uint32_t counterRows = height < kCounterRows ? height : kCounterRows;
+  for (std::uint32_t y = 0; y < counterRows; ++y) {
     std::uint8_t* row = data + y * stride;
     for (std::uint32_t x = 0; x < width; ++x) {
       const Rgb colour = patternPixel(x, y, width, frame);
@@ -28,6 +31,21 @@ void fillBgra(std::uint8_t* data, std::size_t stride, std::uint32_t width, std::
       row[x * 4 + 1] = colour.g;
       row[x * 4 + 2] = colour.r;
       row[x * 4 + 3] = 0xFF;
+    }
+  }
+  // Below the counter the pattern is patternPixel's ramp, written a whole pixel at a time so
+  // that a 4K frame takes a few milliseconds: the producer must keep up with 30 fps at 4K for
+  // the relay's own cost to be what a measurement sees.
+  const auto shift = static_cast<std::uint32_t>(frame * 4);
+  for (std::uint32_t y = counterRows; y < height; ++y) {
+    std::uint8_t* row = data + y * stride;
+    const std::uint32_t green = (y & 0xFFU) << 8U;
+    const std::uint32_t start = y + shift;
+    for (std::uint32_t x = 0; x < width; ++x) {
+      // Bytes B, G, R, A: blue is x / 2, green y, red the moving ramp.
+      const std::uint32_t pixel =
+          ((x / 2) & 0xFFU) | green | (((x + start) & 0xFFU) << 16U) | 0xFF000000U;
+      std::memcpy(row + static_cast<std::size_t>(x) * 4, &pixel, sizeof(pixel));
     }
   }
 }

@@ -4,6 +4,7 @@
 //
 //   flowmere-camera-producer [--target NODE] [--format bgra|p010] [--size WxH] [--fps N]
 //                            [--transfer pq|hlg] [--seconds N] [--file RAW] [--timestamps FILE]
+//                            [--pause AT,SECONDS]
 //   flowmere-camera-producer check [--allow-gaps] FRAME.png...
 //   flowmere-camera-producer receive [--target NODE] [--seconds N] [--timestamps FILE]
 //
@@ -49,6 +50,10 @@ struct Options {
   std::uint32_t fps = 30;
   std::string transfer = "pq";
   double seconds = 0;  // 0: until interrupted
+  // --pause: no frame is queued from `pauseAt` seconds after the first frame for
+  // `pauseSeconds`, while the link stays up (a producer that stalls).
+  double pauseAt = 0;
+  double pauseSeconds = 0;
   std::string file;
   std::string timestamps;
 };
@@ -75,6 +80,8 @@ struct Producer {
   std::vector<char> fileFrame;
   flowmere::producer::TimestampLog pushLog;  // --timestamps: one line per queued frame
   bool streaming = false;
+  spa_source* frameTimer = nullptr;  // fires once per frame period while streaming
+  bool driving = false;              // as last logged
 };
 
 void fillFrame(Producer& producer, std::uint8_t* data, std::uint32_t stride) {
@@ -104,10 +111,18 @@ void onProcess(void* data) {
   if (producer.nextDue == 0) {
     producer.nextDue = now;
   }
-  // The sink pulls one graph cycle at a time, every couple of milliseconds while it waits; a
+  // When this stream drives the link, the frame timer starts a graph cycle at each frame's
+  // scheduled time. When the camera's input drives it instead, cycles come at its pace and a
   // frame goes out on the first cycle at or after its scheduled time.
   if (now < producer.nextDue) {
     return;
+  }
+  if (producer.options.pauseSeconds > 0 && producer.frame > 0) {
+    const double sinceFirst = static_cast<double>(now - producer.firstPush) / 1e9;
+    if (sinceFirst >= producer.options.pauseAt &&
+        sinceFirst < producer.options.pauseAt + producer.options.pauseSeconds) {
+      return;
+    }
   }
   pw_buffer* buffer = pw_stream_dequeue_buffer(producer.stream);
   if (!buffer) {
@@ -142,11 +157,34 @@ void onProcess(void* data) {
   }
 }
 
+// The frame timer: one graph cycle per frame period, each of which queues one frame (see
+// onProcess). Runs only while this stream is the link's driver; a follower is run by the driver.
+void onFrameTimer(void* data, std::uint64_t /*expirations*/) {
+  auto& producer = *static_cast<Producer*>(data);
+  const bool driving = pw_stream_is_driving(producer.stream);
+  if (producer.streaming && driving != producer.driving) {
+    producer.driving = driving;
+    std::fprintf(stderr, "producer: %s the link\n", driving ? "drives" : "follows the camera on");
+  }
+  if (producer.streaming && driving) {
+    pw_stream_trigger_process(producer.stream);
+  }
+}
+
 void onStateChanged(void* data, pw_stream_state /*old*/, pw_stream_state state, const char* error) {
   auto& producer = *static_cast<Producer*>(data);
   std::fprintf(stderr, "producer: %s%s%s\n", pw_stream_state_as_string(state), error ? ": " : "",
                error ? error : "");
   producer.streaming = state == PW_STREAM_STATE_STREAMING;
+  pw_loop* loop = pw_main_loop_get_loop(producer.loop);
+  if (producer.streaming) {
+    timespec first{0, 1};  // at once, then every period
+    timespec interval{static_cast<time_t>(producer.period / 1'000'000'000),
+                      static_cast<long>(producer.period % 1'000'000'000)};
+    pw_loop_update_timer(loop, producer.frameTimer, &first, &interval, false);
+  } else {
+    pw_loop_update_timer(loop, producer.frameTimer, nullptr, nullptr, false);
+  }
   if (state == PW_STREAM_STATE_ERROR || state == PW_STREAM_STATE_UNCONNECTED) {
     pw_main_loop_quit(producer.loop);
   }
@@ -197,7 +235,7 @@ int usage() {
   std::fputs(
       "usage: flowmere-camera-producer [--target NODE] [--format bgra|p010] [--size WxH]\n"
       "                                [--fps N] [--transfer pq|hlg] [--seconds N] [--file RAW]\n"
-      "                                [--timestamps FILE]\n"
+      "                                [--timestamps FILE] [--pause AT,SECONDS]\n"
       "       flowmere-camera-producer check [--allow-gaps] FRAME.png...\n"
       "       flowmere-camera-producer receive [--target NODE] [--seconds N] [--timestamps FILE]\n",
       stderr);
@@ -300,6 +338,9 @@ int main(int argc, char** argv) {
       options.transfer = value;
     } else if (flag == "--seconds" && std::atof(value) >= 0) {
       options.seconds = std::atof(value);
+    } else if (flag == "--pause" &&
+               std::sscanf(value, "%lf,%lf", &options.pauseAt, &options.pauseSeconds) == 2 &&
+               options.pauseAt >= 0 && options.pauseSeconds > 0) {
     } else if (flag == "--file") {
       options.file = value;
     } else if (flag == "--timestamps") {
@@ -353,10 +394,13 @@ int main(int argc, char** argv) {
     pw_loop_update_timer(loop, timer, &timeout, nullptr, false);
   }
 
+  producer.frameTimer = pw_loop_add_timer(loop, onFrameTimer, &producer);
   pw_properties* props = pw_properties_new(
       PW_KEY_MEDIA_TYPE, "Video", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_MEDIA_ROLE, "Camera",
       PW_KEY_NODE_NAME, "flowmere-camera-producer", PW_KEY_APP_NAME, "flowmere-camera-producer",
-      PW_KEY_TARGET_OBJECT, options.target.c_str(), nullptr);
+      PW_KEY_TARGET_OBJECT, options.target.c_str(),
+      // Above the camera's input, which drives a link only for producers that do not.
+      PW_KEY_PRIORITY_DRIVER, "1000", nullptr);
   producer.stream = pw_stream_new_simple(
       loop, "flowmere-camera-producer", props,
       [] {
@@ -374,7 +418,10 @@ int main(int argc, char** argv) {
       flowmere::pipewire::buildVideoFormat(builder, SPA_PARAM_EnumFormat, producer.info);
   if (pw_stream_connect(
           producer.stream, PW_DIRECTION_OUTPUT, PW_ID_ANY,
-          static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS),
+          // A driver: the producer starts a graph cycle whenever it has a frame, so frames leave
+          // on the producer's own schedule instead of waiting for the camera to ask.
+          static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS |
+                                       PW_STREAM_FLAG_DRIVER),
           &format, 1) < 0) {
     std::fputs("flowmere-camera-producer: cannot connect to PipeWire\n", stderr);
     return 1;
