@@ -15,6 +15,7 @@ namespace flowmere::pipewire {
 namespace {
 
 constexpr std::size_t kPodBufferSize = 8192;
+constexpr std::uint32_t kPageSize = 4096;
 // How long a sink link that streams may wait for the registry to name its producer before the
 // stream starts with a stand-in client. The registry normally answers within milliseconds.
 constexpr std::int64_t kPeerWaitNanoseconds = 1'000'000'000;
@@ -192,6 +193,17 @@ void PipeWireStream::onAddBuffer(void* data, pw_buffer* buffer) {
   auto* self = static_cast<PipeWireStream*>(data);
   self->loopLock_.assertHeld();
   self->slots_.push_back(std::make_shared<BufferSlot>(buffer));
+  // Fault the new mapping's pages in now, while the link is set up, rather than in the first
+  // frames: the consume loop paces every later frame by the first one's arrival, so a first
+  // frame slowed by page faults would add its delay to every frame after it.
+  for (std::uint32_t index = 0; index < buffer->buffer->n_datas; ++index) {
+    const spa_data& block = buffer->buffer->datas[index];
+    if (auto* bytes = static_cast<volatile std::uint8_t*>(block.data)) {
+      for (std::uint32_t offset = 0; offset < block.maxsize; offset += kPageSize) {
+        (void)bytes[offset];
+      }
+    }
+  }
 }
 
 void PipeWireStream::onRemoveBuffer(void* data, pw_buffer* buffer) {

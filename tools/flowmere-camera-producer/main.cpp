@@ -211,6 +211,17 @@ void onParamChanged(void* data, std::uint32_t id, const spa_pod* param) {
   pw_stream_update_params(producer.stream, params.data(), 2);
 }
 
+// Writes every page of a new buffer once, while the link is set up: the camera paces every frame
+// by the first one's arrival, so page faults in the first frames would delay all that follow.
+void onAddBuffer(void* /*data*/, pw_buffer* buffer) {
+  for (std::uint32_t index = 0; index < buffer->buffer->n_datas; ++index) {
+    const spa_data& block = buffer->buffer->datas[index];
+    if (block.data) {
+      std::memset(block.data, 0, block.maxsize);
+    }
+  }
+}
+
 void onQuit(void* data, int /*signal*/) {
   pw_main_loop_quit(static_cast<Producer*>(data)->loop);
 }
@@ -408,6 +419,7 @@ int main(int argc, char** argv) {
         events.version = PW_VERSION_STREAM_EVENTS;
         events.state_changed = onStateChanged;
         events.param_changed = onParamChanged;
+        events.add_buffer = onAddBuffer;
         events.process = onProcess;
         return &events;
       }(),
