@@ -89,6 +89,15 @@ void PipeWireCameraService::peersChanged(PipeWireLoop& loop) {
   }
 }
 
+void PipeWireCameraService::producerFormatChanged(std::optional<std::int64_t> index) {
+  const std::scoped_lock lock(publishedMutex_);
+  for (const auto& stream : published_) {
+    if (auto* source = dynamic_cast<PipeWireSourceStream*>(stream.get())) {
+      source->producerFormatChanged(index);
+    }
+  }
+}
+
 void PipeWireCameraService::postToPlatform(platform::Work work) {
   platformQueue_->async(std::move(work));
 }

@@ -92,6 +92,9 @@ class PipeWireCameraService final : public platform::Platform {
   // Runs `work` on the platform queue, after everything posted before it.
   void postToPlatform(platform::Work work);
   void writeLog(std::string_view line);
+  // Sink loop thread: the producer's format while a producer streams, none when it stops; the
+  // source node offers only that format meanwhile.
+  void producerFormatChanged(std::optional<std::int64_t> index);
 
  private:
   class ServiceLog;

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <array>
 
+#include "PipeWireCameraService.h"
+
 namespace flowmere::pipewire {
 
 namespace {
@@ -68,9 +70,26 @@ void PipeWireSinkStream::handleProcess() {
   }
 }
 
+void PipeWireSinkStream::handleProcessRequest() {
+  // Only a driver is asked; the cycle brings the producer's frame in.
+  if (stream_) {
+    pw_stream_trigger_process(stream_);
+  }
+}
+
 void PipeWireSinkStream::streamingChanged(bool streaming) {
   if (!streaming) {
     answerPending(nullptr, 0);
+  }
+  // The camera offers only the producer's format while one runs.
+  service_.producerFormatChanged(streaming ? formatIndex_ : std::nullopt);
+}
+
+void PipeWireSinkStream::formatRefused(std::int64_t index, const std::string& /*message*/) {
+  // The producer changed format while the stream was started: the stream restarts with it,
+  // as it would had the producer stopped and started again.
+  if (state_ == PW_STREAM_STATE_STREAMING) {
+    postRestart(index);
   }
 }
 

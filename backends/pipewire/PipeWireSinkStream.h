@@ -48,8 +48,10 @@ class PipeWireSinkStream final : public PipeWireStream {
   void addNodeProperties(pw_properties* props) const override;
   [[nodiscard]] BufferCount bufferCount() const override { return kBufferCount; }
   void handleProcess() override REQUIRES(loopLock_);
+  void handleProcessRequest() override REQUIRES(loopLock_);
   void streamingChanged(bool streaming) override REQUIRES(loopLock_);
   void nodeDestroying() override REQUIRES(loopLock_);
+  void formatRefused(std::int64_t index, const std::string& message) override REQUIRES(loopLock_);
 
  private:
   static void onWaitLimit(void* data, std::uint64_t expirations);

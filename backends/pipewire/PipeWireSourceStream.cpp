@@ -1,6 +1,7 @@
 #include "PipeWireSourceStream.h"
 
 #include <spa/buffer/meta.h>
+#include <spa/param/video/format-utils.h>
 
 #include <algorithm>
 #include <array>
@@ -70,7 +71,8 @@ void PipeWireSourceStream::notifyPropertiesChanged(const platform::PropertyState
       loop_->post([weak = weak_from_this(), value = *index] {
         if (auto self = std::static_pointer_cast<PipeWireSourceStream>(weak.lock())) {
           self->loopLock_.assertHeld();
-          self->offerFormats(value);
+          self->activeIndex_ = value;
+          self->updateOffers();
         }
       });
     }
@@ -78,34 +80,73 @@ void PipeWireSourceStream::notifyPropertiesChanged(const platform::PropertyState
   PipeWireStream::notifyPropertiesChanged(changes);
 }
 
-void PipeWireSourceStream::offerFormats(std::optional<std::int64_t> preferredIndex) {
+void PipeWireSourceStream::producerFormatChanged(std::optional<std::int64_t> index) {
+  loop_->post([weak = weak_from_this(), index] {
+    if (auto self = std::static_pointer_cast<PipeWireSourceStream>(weak.lock())) {
+      self->loopLock_.assertHeld();
+      self->producerIndex_ = index;
+      self->updateOffers();
+    }
+  });
+}
+
+std::vector<const spa_pod*> PipeWireSourceStream::formatOffers(
+    spa_pod_builder& builder, const platform::StreamFormatList& formats) const {
+  if (producerIndex_ && *producerIndex_ >= 0 &&
+      static_cast<std::size_t>(*producerIndex_) < formats.size()) {
+    std::vector<const spa_pod*> only;
+    if (const auto info = videoInfoForFormat(formats[static_cast<std::size_t>(*producerIndex_)])) {
+      only.push_back(buildVideoFormat(builder, SPA_PARAM_EnumFormat, *info));
+    }
+    return only;
+  }
+  return buildFormatOffers(builder, formats, activeIndex_);
+}
+
+void PipeWireSourceStream::updateOffers() {
   const auto formats = catalogue();
   if (!stream_ || !formats) {
     return;
   }
   std::array<std::byte, kPodBufferSize> storage{};
   spa_pod_builder builder = SPA_POD_BUILDER_INIT(storage.data(), storage.size());
-  std::vector<const spa_pod*> params = buildFormatOffers(builder, *formats, preferredIndex);
+  std::vector<const spa_pod*> params = formatOffers(builder, *formats);
   if (params.empty()) {
     return;
   }
-  offeredFirst_ = preferredIndex;
-  if (preferredIndex && *preferredIndex >= 0 &&
-      static_cast<std::size_t>(*preferredIndex) < formats->size()) {
-    if (const auto first =
-            videoInfoForFormat((*formats)[static_cast<std::size_t>(*preferredIndex)])) {
-      // Clients that link from now on see this format first; the log says when that begins.
-      writeLog("[pipewire] " + nodeName_ + " offers " + describeVideoInfo(*first) + " first");
-    }
+  spa_video_info_raw first{};
+  if (spa_format_video_raw_parse(params.front(), &first) >= 0) {
+    // Clients that link from now on see this format first; the log says when that begins.
+    writeLog("[pipewire] " + nodeName_ + " offers " + describeVideoInfo(first) +
+             (producerIndex_ ? " only" : " first"));
   }
-  // A streaming link keeps its format unless the node is paused around the new offers.
-  const bool renegotiate = layout_.has_value() && preferredIndex.has_value();
-  if (renegotiate) {
+  // A link at a format that is no longer offered moves to the producer's: the node pauses
+  // around the new offers so that PipeWire renegotiates the link.
+  const bool renegotiate = formatIndex_ && producerIndex_ && *formatIndex_ != *producerIndex_;
+  if (renegotiate && state_ == PW_STREAM_STATE_STREAMING) {
+    writeLog("[pipewire] " + nodeName_ + " moves its clients from index " +
+             std::to_string(*formatIndex_) + " to the producer's index " +
+             std::to_string(*producerIndex_));
     pw_stream_set_active(stream_, false);
   }
   pw_stream_update_params(stream_, params.data(), static_cast<std::uint32_t>(params.size()));
   if (renegotiate) {
     pw_stream_set_active(stream_, true);
+  }
+}
+
+BufferCount PipeWireSourceStream::bufferCount() const {
+  const std::size_t frameSize = layout_ ? std::max<std::size_t>(layout_->frameSize, 1) : 1;
+  const int fits = static_cast<int>(std::min<std::size_t>(kLinkBufferBudget / frameSize, 64));
+  const int count = std::clamp(fits, kMinimumBuffers, kMaximumBuffers);
+  return BufferCount{count, 2, 16};
+}
+
+void PipeWireSourceStream::formatRefused(std::int64_t index, const std::string& /*message*/) {
+  // A client negotiated a format just before a producer pinned another: move it over. A client
+  // that cannot take the producer's format fails its own link; others are not touched.
+  if (producerIndex_ && *producerIndex_ != index) {
+    updateOffers();
   }
 }
 
@@ -135,7 +176,14 @@ void PipeWireSourceStream::sendSampleBuffer(const std::shared_ptr<platform::Samp
     }
     pw_buffer* out = pw_stream_dequeue_buffer(stream_);
     if (!out) {
-      return;  // every buffer is with the clients: this frame is dropped
+      // Every buffer is with the clients: this frame is dropped. Said at the first drop and
+      // every 300th, as the relay's own per-frame lines are.
+      if (++busyDrops_ % 300 == 1) {
+        writeLog("[pipewire] " + nodeName_ +
+                 " dropped a frame: every buffer is with the clients (" +
+                 std::to_string(busyDrops_) + " so far)");
+      }
+      return;
     }
     BufferSlot* slot = slotFor(out);
     spa_data& data = out->buffer->datas[0];

@@ -1,5 +1,6 @@
 #include "PipeWireStream.h"
 
+#include <spa/node/command.h>
 #include <spa/param/video/format-utils.h>
 #include <spa/utils/result.h>
 
@@ -108,13 +109,12 @@ BufferSlot* PipeWireStream::slotFor(pw_buffer* buffer) const {
 
 bool PipeWireStream::connectNode(const std::map<std::string, std::string>& identity) {
   loopLock_.assertHeld();
-  identity_ = identity;
   pw_properties* props = pw_properties_new(
       PW_KEY_MEDIA_TYPE, "Video", PW_KEY_NODE_NAME, nodeName_.c_str(), PW_KEY_NODE_DESCRIPTION,
       localizedName_.c_str(), PW_KEY_NODE_NICK, localizedName_.c_str(), nullptr);
   addNodeProperties(props);
   pw_properties_set(props, "flowmere.stream.id", streamID_.toString().c_str());
-  for (const auto& [key, value] : identity_) {
+  for (const auto& [key, value] : identity) {
     pw_properties_set(props, key.c_str(), value.c_str());
   }
   loop_->lock().assertHeld();  // the same lock, under the loop's name
@@ -131,6 +131,7 @@ bool PipeWireStream::connectNode(const std::map<std::string, std::string>& ident
     result.add_buffer = &PipeWireStream::onAddBuffer;
     result.remove_buffer = &PipeWireStream::onRemoveBuffer;
     result.process = &PipeWireStream::onProcess;
+    result.command = &PipeWireStream::onCommand;
     return result;
   }();
   pw_stream_add_listener(stream_, &listener_, &events, this);
@@ -141,7 +142,7 @@ bool PipeWireStream::connectNode(const std::map<std::string, std::string>& ident
   const auto formats = catalogue();
   std::vector<const spa_pod*> params;
   if (formats) {
-    params = buildFormatOffers(builder, *formats, preferredOffer());
+    params = formatOffers(builder, *formats);
   }
   const int result =
       pw_stream_connect(stream_, isSink() ? PW_DIRECTION_INPUT : PW_DIRECTION_OUTPUT, PW_ID_ANY,
@@ -172,6 +173,7 @@ void PipeWireStream::destroyNode() {
   }
   state_ = PW_STREAM_STATE_UNCONNECTED;
   layout_.reset();
+  formatIndex_.reset();
 }
 
 void PipeWireStream::onStateChanged(void* data, pw_stream_state old, pw_stream_state state,
@@ -223,6 +225,14 @@ void PipeWireStream::onProcess(void* data) {
   self->handleProcess();
 }
 
+void PipeWireStream::onCommand(void* data, const spa_command* command) {
+  auto* self = static_cast<PipeWireStream*>(data);
+  self->loopLock_.assertHeld();
+  if (SPA_NODE_COMMAND_ID(command) == SPA_NODE_COMMAND_RequestProcess) {
+    self->handleProcessRequest();
+  }
+}
+
 void PipeWireStream::onPeerTimeout(void* data, std::uint64_t /*expirations*/) {
   auto* self = static_cast<PipeWireStream*>(data);
   self->loopLock_.assertHeld();
@@ -243,6 +253,10 @@ void PipeWireStream::handleStateChanged(pw_stream_state old, pw_stream_state sta
   writeLog("[pipewire] " + nodeName_ + " " + pw_stream_state_as_string(old) + " -> " +
            pw_stream_state_as_string(state) + (error ? std::string(": ") + error : ""));
   const bool streaming = state == PW_STREAM_STATE_STREAMING;
+  if (streaming) {
+    writeLog("[pipewire] " + nodeName_ + " streams with " + std::to_string(slots_.size()) +
+             " buffers");
+  }
   if (streaming && !started_) {
     started_ = true;
     updateStreamingClients();
@@ -300,6 +314,25 @@ void PipeWireStream::postStart(std::shared_ptr<const platform::Client> standIn) 
   });
 }
 
+void PipeWireStream::postRestart(std::int64_t index) {
+  postToPlatform([weak = weak_from_this(), index] {
+    auto self = weak.lock();
+    auto source = self ? self->source_.lock() : nullptr;
+    if (!source) {
+      return;
+    }
+    (void)source->stopStream();
+    platform::StreamProperties properties;
+    properties.setActiveFormatIndex(index);
+    const platform::Status status = source->setStreamProperties(properties);
+    if (!status.ok()) {
+      self->writeLog("[pipewire] " + self->nodeName_ + " format index " + std::to_string(index) +
+                     " refused again: " + describeStatus(status));
+    }
+  });
+  postStart(nullptr);
+}
+
 void PipeWireStream::peersChanged() {
   loopLock_.assertHeld();
   updateStreamingClients();
@@ -323,6 +356,7 @@ void PipeWireStream::updateStreamingClients() {
 void PipeWireStream::handleFormat(const spa_pod* param) {
   if (!param) {
     layout_.reset();
+    formatIndex_.reset();
     return;
   }
   spa_video_info_raw info{};
@@ -344,6 +378,7 @@ void PipeWireStream::handleFormat(const spa_pod* param) {
   const std::int64_t chosen = index.value_or(0);
   layout_ = layout;
   videoInfo_ = info;
+  formatIndex_ = chosen;
   std::array<std::byte, 1024> storage{};
   spa_pod_builder builder = SPA_POD_BUILDER_INIT(storage.data(), storage.size());
   auto params = buildBufferParams(builder, *layout, bufferCount());
@@ -366,24 +401,15 @@ void PipeWireStream::handleFormat(const spa_pod* param) {
     const std::string message = describeStatus(status);
     self->writeLog("[pipewire] " + self->nodeName_ + " format index " + std::to_string(value) +
                    " refused: " + message);
-    self->loop_->post([weak = self->weak_from_this(), message] {
+    self->loop_->post([weak = self->weak_from_this(), value, message] {
       if (auto again = weak.lock()) {
         again->loopLock_.assertHeld();
-        again->reconnectAfterRefusal(message);
+        if (again->stream_ && again->formatIndex_ == value) {
+          again->formatRefused(value, message);
+        }
       }
     });
   });
-}
-
-void PipeWireStream::reconnectAfterRefusal(const std::string& message) {
-  if (!stream_) {
-    return;
-  }
-  // Failing the node ends the negotiation for the peer that asked; a fresh node with the same
-  // name then waits for the next peer.
-  pw_stream_set_error(stream_, -EPERM, "%s", message.c_str());
-  destroyNode();
-  connectNode(identity_);
 }
 
 }  // namespace flowmere::pipewire

@@ -78,10 +78,18 @@ class PipeWireStream : public platform::Stream,
   // What the two kinds of node do differently. All run on the loop thread with the lock held.
   [[nodiscard]] virtual pw_stream_flags connectFlags() const = 0;
   virtual void addNodeProperties(pw_properties* props) const = 0;
-  // The format to offer first when the node is (re)created; none keeps the catalogue's order.
-  [[nodiscard]] virtual std::optional<std::int64_t> preferredOffer() const { return std::nullopt; }
+  // The EnumFormat params the node offers, built into `builder`; by default the catalogue.
+  [[nodiscard]] virtual std::vector<const spa_pod*> formatOffers(
+      spa_pod_builder& builder, const platform::StreamFormatList& formats) const {
+    return buildFormatOffers(builder, formats, std::nullopt);
+  }
   [[nodiscard]] virtual BufferCount bufferCount() const = 0;
   virtual void handleProcess() {}
+  // A follower asked this node, as its driver, for a graph cycle.
+  virtual void handleProcessRequest() {}
+  // The extension refused the format a peer negotiated (its set rules). The node stays; it
+  // decides how the peer is brought back in line.
+  virtual void formatRefused(std::int64_t index, const std::string& message) = 0;
   // A linked peer started (true) or stopped (false) streaming.
   virtual void streamingChanged(bool /*streaming*/) {}
   // The node is about to be destroyed: whatever waits on it is answered, its timers removed.
@@ -92,6 +100,9 @@ class PipeWireStream : public platform::Stream,
   void writeLog(std::string_view line);
   // Runs `work` on the platform queue, after everything posted before it. Any thread.
   void postToPlatform(platform::Work work);
+  // Platform queue, in order: stops the extension's stream, sets `index`, and starts it again
+  // for the streaming clients. For a peer that changed format while streaming.
+  void postRestart(std::int64_t index) REQUIRES(loopLock_);
   // The slot of a buffer of this node, or null for one it does not know.
   [[nodiscard]] BufferSlot* slotFor(pw_buffer* buffer) const REQUIRES(loopLock_);
 
@@ -107,6 +118,7 @@ class PipeWireStream : public platform::Stream,
   pw_stream_state state_ GUARDED_BY(loopLock_) = PW_STREAM_STATE_UNCONNECTED;
   std::optional<FrameLayout> layout_ GUARDED_BY(loopLock_);  // of the negotiated format
   spa_video_info_raw videoInfo_ GUARDED_BY(loopLock_){};
+  std::optional<std::int64_t> formatIndex_ GUARDED_BY(loopLock_);  // catalogue index of it
 
  private:
   static void onStateChanged(void* data, pw_stream_state old, pw_stream_state state,
@@ -115,12 +127,12 @@ class PipeWireStream : public platform::Stream,
   static void onAddBuffer(void* data, pw_buffer* buffer);
   static void onRemoveBuffer(void* data, pw_buffer* buffer);
   static void onProcess(void* data);
+  static void onCommand(void* data, const spa_command* command);
   static void onPeerTimeout(void* data, std::uint64_t expirations);
 
   void handleStateChanged(pw_stream_state old, pw_stream_state state, const char* error)
       REQUIRES(loopLock_);
   void handleFormat(const spa_pod* param) REQUIRES(loopLock_);
-  void reconnectAfterRefusal(const std::string& message) REQUIRES(loopLock_);
   void updateStreamingClients() REQUIRES(loopLock_);
   // Authorises the streaming clients (or `standIn` when there are none) and starts the stream.
   void postStart(std::shared_ptr<const platform::Client> standIn) REQUIRES(loopLock_);
@@ -130,7 +142,6 @@ class PipeWireStream : public platform::Stream,
   const platform::StreamDirection direction_;
 
   spa_hook listener_ GUARDED_BY(loopLock_){};
-  std::map<std::string, std::string> identity_ GUARDED_BY(loopLock_);
   std::vector<std::shared_ptr<BufferSlot>> slots_ GUARDED_BY(loopLock_);
   bool started_ GUARDED_BY(loopLock_) = false;  // the extension was asked to start
   // A sink link streams before the registry has told us whose it is: the start waits for the

@@ -122,34 +122,32 @@ else
   fail "300 frames took ${elapsed} s"
 fi
 
-# --- 3. While the producer runs, a client asking for another format is refused.
-# PipeWire does not tell a client that its link failed, so the refused client waits until its
-# timeout.
+# --- 3. While the producer runs, the camera offers only its format: a client asking for another
+# fails its own negotiation, and the node and its other clients are not touched. PipeWire does
+# not tell a client that its link failed, so the refused client waits until its timeout.
 if timeout 8 gst-launch-1.0 -q pipewiresrc target-object=flowmere-camera-source num-buffers=5 ! \
   video/x-raw,width=1920,height=1080 ! fakesink >"${work}/refused.log" 2>&1; then
   fail "a client got 1920x1080 while the producer runs 1280x720"
-elif wait_for "grep -q 'refused: The producer selected this session' '${work}/extension.log'" 5
-then
-  pass "a client's request for 1920x1080 is refused while the producer runs 1280x720"
 else
-  fail "no refusal in the extension's log"
+  pass "a client asking for 1920x1080 gets nothing while the producer runs 1280x720"
 fi
-# ...and the camera still serves a client that takes the producer's format, once the refused
-# negotiation's node has been replaced by a fresh one.
-wait_for "[ \$(grep -c 'flowmere-camera-source connecting -> paused' '${work}/extension.log') -ge 2 ]" 5
 capture 10 "${work}/capture-after-refusal"
-if "${producer}" check "${work}"/capture-after-refusal/*.png >/dev/null 2>&1; then
-  pass "a client after the refusal gets frames"
+nodes_made="$(grep -c 'flowmere-camera-source connecting -> paused' "${work}/extension.log")"
+if "${producer}" check "${work}"/capture-after-refusal/*.png >/dev/null 2>&1 &&
+  [ "${nodes_made}" -eq 1 ]; then
+  pass "the next client gets frames from the same node"
 else
-  fail "no frames after a refusal: $(tail -3 "${work}/capture-after-refusal.log")"
+  fail "after a failed client: $(tail -3 "${work}/capture-after-refusal.log"), source node made ${nodes_made} times"
 fi
 stop_producer
 
-# --- 4. The producer switches format: a client connected afterwards gets the new one.
+# --- 4. The producer switches format: a client connected afterwards gets the new one. GStreamer's
+# pipewiresrc keeps only its newest frame while it sets up its pipeline on the first one, so the
+# first frames of this client may have a gap; the pixels must still be the pattern.
 start_producer "1920x1080 BGRA" --size 1920x1080 --format bgra --fps 30 --seconds 60
 capture 10 "${work}/capture-1080p" "video/x-raw"
-result="$("${producer}" check "${work}"/capture-1080p/*.png 2>&1 | tail -1)"
-if "${producer}" check "${work}"/capture-1080p/*.png >/dev/null 2>&1 &&
+result="$("${producer}" check --allow-gaps "${work}"/capture-1080p/*.png 2>&1 | tail -1)"
+if "${producer}" check --allow-gaps "${work}"/capture-1080p/*.png >/dev/null 2>&1 &&
   grep -q "1920x1080 BGRA" "${work}/extension.log"; then
   pass "after the switch to 1920x1080 a new client gets 1920x1080 frames (${result})"
 else

@@ -106,6 +106,9 @@ flow_pid=$!
 background+=("${flow_pid}")
 wait_for "grep -q 'producer: streaming' '${work}/flow-producer.err'" 10
 "${producer}" receive --seconds 3 >"${work}/flow.out" 2>"${work}/flow.err"
+# The frame count's status is written every 30 frames; the receiver's own "source stopped" may
+# be the latest status for up to a second.
+wait_for "grep -q '^received ' '${FLOWMERE_STATE}/bridge_extension_status'" 3
 status="$(cat "${FLOWMERE_STATE}/bridge_extension_status" 2>/dev/null)"
 waiting="$(tail -n +"$((lines_before + 1))" "${work}/extension.log" | grep -c 'sink waiting')"
 if [ "${waiting}" -eq 0 ] && [[ "${status}" == received\ * ]]; then
@@ -125,6 +128,7 @@ lines_before="$(wc -l <"${work}/extension.log")"
 pause_pid=$!
 background+=("${pause_pid}")
 wait "${pause_pid}"
+wait_for "tail -n +$((lines_before + 1)) '${work}/extension.log' | grep -q 'sink stopStream'" 5
 tail -n +"$((lines_before + 1))" "${work}/extension.log" >"${work}/pause.log"
 waiting_line="$(grep -n -m1 'sink waiting polls=1' "${work}/pause.log" | cut -d: -f1)"
 stop_line="$(grep -n -m1 'sink stopStream' "${work}/pause.log" | cut -d: -f1)"

@@ -15,7 +15,7 @@ wait_for() {
 # Waits up to 10 s until the latest offer the camera logged in file $1 puts format $2 ("1280x720
 # BGRA") first. Clients that link before that may take the previous format.
 wait_for_offer() {
-  wait_for "grep 'flowmere-camera-source offers' '$1' | tail -1 | grep -q 'offers $2 first'" 10
+  wait_for "grep 'flowmere-camera-source offers' '$1' | tail -1 | grep -Eq 'offers $2 (first|only)'" 10
 }
 
 # Ends the given processes: SIGTERM, then SIGKILL for any still there after 5 s.

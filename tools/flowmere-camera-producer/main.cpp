@@ -158,17 +158,19 @@ void onProcess(void* data) {
 }
 
 // The frame timer: one graph cycle per frame period, each of which queues one frame (see
-// onProcess). Runs only while this stream is the link's driver; a follower is run by the driver.
+// onProcess). A driving stream starts the cycle itself; a follower asks its driver for one (the
+// camera's input drives the link only when the producer does not).
 void onFrameTimer(void* data, std::uint64_t /*expirations*/) {
   auto& producer = *static_cast<Producer*>(data);
+  if (!producer.streaming) {
+    return;
+  }
   const bool driving = pw_stream_is_driving(producer.stream);
-  if (producer.streaming && driving != producer.driving) {
+  if (driving != producer.driving) {
     producer.driving = driving;
     std::fprintf(stderr, "producer: %s the link\n", driving ? "drives" : "follows the camera on");
   }
-  if (producer.streaming && driving) {
-    pw_stream_trigger_process(producer.stream);
-  }
+  pw_stream_trigger_process(producer.stream);
 }
 
 void onStateChanged(void* data, pw_stream_state /*old*/, pw_stream_state state, const char* error) {
