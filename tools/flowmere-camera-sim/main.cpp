@@ -87,7 +87,7 @@ int demoMode(const std::vector<std::string_view>& args) {
     if (flag.rfind("--", 0) != 0) {
       return badUsage("unexpected argument '" + std::string(flag) + "' for demo");
     }
-    static constexpr std::string_view kValued[] = {"--container", "--tmp",  "--snapshot",
+    static constexpr std::string_view kValued[] = {"--container", "--tmp",     "--snapshot",
                                                    "--log",       "--seconds", "--format",
                                                    "--fps",       "--jitter"};
     if (std::find(std::begin(kValued), std::end(kValued), flag) == std::end(kValued)) {
@@ -126,8 +126,8 @@ int demoMode(const std::vector<std::string_view>& args) {
     return badUsage("--container and --no-container exclude each other");
   }
   if (!options.logFile) {
-    options.logFile = flowmere::tools::defaultLogFile("flowmere-camera-sim-demo",
-                                                      options.temporaryDirectory);
+    options.logFile =
+        flowmere::tools::defaultLogFile("flowmere-camera-sim-demo", options.temporaryDirectory);
   }
   return flowmere::sim::runDemo(options);
 }

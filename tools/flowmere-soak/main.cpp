@@ -118,9 +118,10 @@ int main(int argc, char** argv) {
       continue;
     }
     static constexpr std::string_view kValued[] = {
-        "--seconds", "--fps",           "--restart-every",  "--client-every", "--rss-every",
-        "--warmup",  "--rss-tolerance", "--heap-tolerance", "--progress",     "--seed",
-        "--rss-out", "--dir",           "--log"};
+        "--seconds",   "--fps",    "--restart-every", "--client-every",
+        "--rss-every", "--warmup", "--rss-tolerance", "--heap-tolerance",
+        "--progress",  "--seed",   "--rss-out",       "--dir",
+        "--log"};
     if (std::find(std::begin(kValued), std::end(kValued), flag) == std::end(kValued)) {
       return badUsage(kProgram, flag.rfind("--", 0) == 0
                                     ? "unknown option '" + std::string(flag) + "'"
