@@ -154,5 +154,6 @@ int main(int argc, char** argv) {
   if (args[0] == "demo") {
     return demoMode(args);
   }
-  return badUsage("unknown mode '" + std::string(args[0]) + "'");
+  return badUsage(args[0].rfind("--", 0) == 0 ? "unknown option '" + std::string(args[0]) + "'"
+                                             : "unknown mode '" + std::string(args[0]) + "'");
 }
