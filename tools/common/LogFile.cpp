@@ -6,7 +6,7 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
+#include <system_error>
 
 namespace flowmere::tools {
 
@@ -22,7 +22,8 @@ std::shared_ptr<LogFile> LogFile::open(const std::filesystem::path& path, std::s
   const int descriptor =
       ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
   if (descriptor < 0) {
-    problem = "cannot write " + path.string() + ": " + std::strerror(errno);
+    problem = "cannot write " + path.string() + ": " +
+              std::error_code(errno, std::generic_category()).message();
     return nullptr;
   }
   return std::make_shared<LogFile>(path, descriptor);

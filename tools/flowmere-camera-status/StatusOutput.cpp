@@ -217,7 +217,8 @@ nlohmann::json reportJson(const StatusReport& report) {
   json["stateDirectory"] = stored.stateDirectory.string();
   json["stored"] = nlohmann::json::object();
   for (const auto& [key, value] : stored.stored) {
-    std::visit([&](const auto& held) { json["stored"][key] = held; }, value);
+    nlohmann::json& slot = json["stored"][key];
+    std::visit([&slot](const auto& held) { slot = held; }, value);
   }
   json["stateFiles"] = nlohmann::json::object();
   for (const auto& [name, file] : stored.files) {

@@ -19,6 +19,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <exception>
 #include <string>
 #include <string_view>
 
@@ -136,6 +137,32 @@ int exitStatus(const StatusReport& report) {
   return report.verdict == flowmere::status::Verdict::kRelaying ? 0 : 1;
 }
 
+// Reports once, or every interval until a signal with `watch`; returns the exit status.
+int run(const Options& options) {
+  std::signal(SIGINT, onSignal);
+  std::signal(SIGTERM, onSignal);
+  pw_init(nullptr, nullptr);
+  Reading previous = readNow();
+  StatusReport report = takeReport(options, previous);
+  if (options.watch) {
+    const bool refresh = !options.json && isatty(STDOUT_FILENO) == 1;
+    // Each refresh measures the rate since the one before.
+    while (!interrupted.load()) {
+      show(options, report, refresh);
+      previous = readNow();
+      sleepUntil(previous.taken + options.intervalSeconds);
+      if (interrupted.load()) {
+        break;
+      }
+      report = takeReport(options, previous);
+    }
+  } else {
+    show(options, report, false);
+  }
+  pw_deinit();
+  return exitStatus(report);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -167,26 +194,11 @@ int main(int argc, char** argv) {
     }
   }
 
-  std::signal(SIGINT, onSignal);
-  std::signal(SIGTERM, onSignal);
-  pw_init(nullptr, nullptr);
-  Reading previous = readNow();
-  StatusReport report = takeReport(options, previous);
-  if (options.watch) {
-    const bool refresh = !options.json && isatty(STDOUT_FILENO) == 1;
-    // Each refresh measures the rate since the one before.
-    while (!interrupted.load()) {
-      show(options, report, refresh);
-      previous = readNow();
-      sleepUntil(previous.taken + options.intervalSeconds);
-      if (interrupted.load()) {
-        break;
-      }
-      report = takeReport(options, previous);
-    }
-  } else {
-    show(options, report, false);
+  // A file system or PipeWire surprise ends the program with its message, never with abort().
+  try {
+    return run(options);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "flowmere-camera-status: %s\n", error.what());
+    return 1;
   }
-  pw_deinit();
-  return exitStatus(report);
 }
