@@ -13,6 +13,8 @@ packages=(
   gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-good
   # A real browser on the camera, through the desktop's camera portal on a virtual display.
   chromium xdg-desktop-portal xdg-desktop-portal-gtk xvfb
+  # The Debian package (cpack -G DEB with dpkg-shlibdeps) and its test; JSON checks in tests.
+  dpkg-dev file jq
 )
 
 missing=()

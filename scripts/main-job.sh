@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The main job: builds the release preset and runs the relay demo on the embedded camera service
-# for a few seconds, printing progress and a summary. Installs what is missing first.
+# for a few seconds, printing a progress line a second and a summary; the extension's log goes to
+# the file the summary names (--verbose also copies it to stderr). Installs what is missing first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -13,6 +13,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "LogFile.h"
 #include "PngWriter.h"
 #include "TestPattern.h"
 #include "VANEProbeExtensionProvider.h"
@@ -79,8 +80,30 @@ int runDemo(const DemoOptions& options) {
   std::signal(SIGINT, onSignal);
   std::signal(SIGTERM, onSignal);
 
+  // The log file outlives the service (it is declared first), so every line the service's threads
+  // write before they stop reaches it.
+  std::shared_ptr<tools::LogFile> logFile;
+  if (options.logFile) {
+    std::string problem;
+    logFile = tools::LogFile::open(*options.logFile, problem);
+    if (!logFile) {
+      std::fprintf(stderr, "flowmere-camera-sim: %s (choose another place with --log FILE)\n",
+                   problem.c_str());
+      return 1;
+    }
+  }
+
   embedded::EmbeddedOptions serviceOptions;
   serviceOptions.mode = embedded::TimeMode::kReal;
+  serviceOptions.logSink = [file = std::weak_ptr(logFile),
+                            verbose = options.verbose](std::string_view line) {
+    if (auto strong = file.lock()) {
+      strong->write(line);
+    }
+    if (verbose) {
+      std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
+    }
+  };
   serviceOptions.temporaryDirectory = options.temporaryDirectory;
   if (options.container) {
     serviceOptions.containerDirectory = options.container;
@@ -263,6 +286,12 @@ int runDemo(const DemoOptions& options) {
   std::printf("  settings store       %s\n", settingsStore.empty()
                                                  ? "(none: no application-group container)"
                                                  : settingsStore.c_str());
+  if (logFile) {
+    std::printf("  extension log        %s (%llu lines)\n", logFile->path().c_str(),
+                static_cast<unsigned long long>(logFile->lineCount()));
+  } else {
+    std::printf("  extension log        (not kept)\n");
+  }
   return 0;
 }
 

@@ -21,9 +21,14 @@ struct DemoOptions {
   std::optional<std::filesystem::path> container;
   bool noContainer = false;
   std::filesystem::path temporaryDirectory = "/tmp";
+  // Where the extension's log lines go (created or emptied); none: they are dropped.
+  std::optional<std::filesystem::path> logFile;
+  // Also copy the log lines to stderr.
+  bool verbose = false;
 };
 
-// Runs the demo and prints its summary to stdout; log lines go to stderr. Returns the exit code.
+// Runs the demo and prints its progress and summary to stdout; the extension's log goes to the
+// log file (and to stderr with `verbose`). Returns the exit code.
 int runDemo(const DemoOptions& options);
 
 }  // namespace flowmere::sim

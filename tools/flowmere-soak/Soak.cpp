@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "FramePool.h"
+#include "LogFile.h"
 #include "LogFormatting.h"
 #include "MemoryUsage.h"
 #include "VANEProbeExtensionProvider.h"
@@ -87,8 +88,8 @@ bool isUnsupportedOperation(const platform::Status& status) {
 // platform thread; the log sink under the service's log mutex.
 class SoakRun {
  public:
-  SoakRun(const SoakOptions& options, std::FILE* progress)
-      : options_(options), progress_(progress) {}
+  SoakRun(const SoakOptions& options, std::FILE* progress, std::shared_ptr<tools::LogFile> log)
+      : options_(options), progress_(progress), log_(std::move(log)) {}
 
   SoakReport run();
 
@@ -105,6 +106,8 @@ class SoakRun {
 
   const SoakOptions options_;
   std::FILE* const progress_;
+  // Written by the log sink under the service's log mutex; the file itself needs no lock.
+  const std::shared_ptr<tools::LogFile> log_;
   SoakReport report_;
   std::filesystem::path directory_;
   bool ownsDirectory_ = false;
@@ -177,6 +180,9 @@ void SoakRun::setUp() {
     logLines_.fetch_add(1, std::memory_order_relaxed);
     if (line.rfind(errorPrefix, 0) == 0) {
       consumeErrors_.fetch_add(1, std::memory_order_relaxed);
+    }
+    if (log_) {
+      log_->write(line);
     }
     if (options_.verbose) {
       std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
@@ -601,8 +607,9 @@ SoakReport SoakRun::run() {
 
 }  // namespace
 
-SoakReport runSoak(const SoakOptions& options, std::FILE* progress) {
-  SoakRun run(options, progress);
+SoakReport runSoak(const SoakOptions& options, std::FILE* progress,
+                   std::shared_ptr<tools::LogFile> log) {
+  SoakRun run(options, progress, std::move(log));
   return run.run();
 }
 

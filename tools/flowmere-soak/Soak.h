@@ -26,9 +26,14 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+namespace flowmere::tools {
+class LogFile;
+}
 
 namespace flowmere::soak {
 
@@ -102,7 +107,9 @@ struct SoakReport {
   std::vector<std::string> failures;
 };
 
-// Runs the soak; progress lines go to `progress`.
-SoakReport runSoak(const SoakOptions& options, std::FILE* progress);
+// Runs the soak; progress lines go to `progress`, the extension's log lines to `log` (none: they
+// are only counted) and, with `verbose`, to stderr.
+SoakReport runSoak(const SoakOptions& options, std::FILE* progress,
+                   std::shared_ptr<tools::LogFile> log);
 
 }  // namespace flowmere::soak

@@ -2,12 +2,18 @@
 // camera clients, with the process's memory sampled throughout. Exit status 0 when every check
 // held, 1 when one failed, 2 for a bad command line.
 
-#include <charconv>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <iterator>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "CommandLine.h"
+#include "LogFile.h"
 #include "Soak.h"
 
 #if defined(__has_feature)
@@ -31,24 +37,25 @@ extern "C" const char* __asan_default_options() {  // NOLINT(bugprone-reserved-i
 
 namespace {
 
-constexpr const char* kUsage =
+constexpr std::string_view kProgram = "flowmere-soak";
+constexpr std::string_view kUsage =
     "usage: flowmere-soak [--seconds N] [--fps F] [--restart-every S] [--client-every S]\n"
     "                     [--rss-every S] [--rss-out FILE.csv] [--warmup S]\n"
     "                     [--rss-tolerance MIB] [--heap-tolerance MIB] [--progress S]\n"
-    "                     [--seed N] [--dir DIR] [--keep-files] [--verbose]\n";
-
-bool parseNumber(std::string_view text, double& value) {
-  const char* end = text.data() + text.size();
-  const auto [ptr, error] = std::from_chars(text.data(), end, value);
-  return error == std::errc() && ptr == end;
-}
+    "                     [--seed N] [--dir DIR] [--keep-files] [--log FILE] [--verbose]\n"
+    "       flowmere-soak --help | --version\n"
+    "\n"
+    "The relay in real time under producer restarts, format changes and busy camera clients,\n"
+    "with memory sampled throughout. Exit status 0 when every check held, 1 when one failed.\n"
+    "The extension's log goes to FILE (default: $XDG_STATE_HOME/flowmere/flowmere-soak.log);\n"
+    "--verbose also copies it to stderr.\n";
 
 double mib(std::uint64_t bytes) {
   return static_cast<double>(bytes) / 1048576.0;
 }
 
 void printSummary(const flowmere::soak::SoakOptions& options,
-                  const flowmere::soak::SoakReport& report) {
+                  const flowmere::soak::SoakReport& report, const std::string& logPath) {
   using Count = unsigned long long;
   std::printf("\nSummary (%.1f s)\n", report.wallSeconds);
   std::printf("  frames pushed          %llu\n", static_cast<Count>(report.pushed));
@@ -62,7 +69,8 @@ void printSummary(const flowmere::soak::SoakOptions& options,
               static_cast<Count>(report.formatChanges));
   std::printf("  client actions         %llu (%llu format sets refused as the rules require)\n",
               static_cast<Count>(report.clientActions), static_cast<Count>(report.clientRefusals));
-  std::printf("  log lines              %llu\n", static_cast<Count>(report.logLines));
+  std::printf("  log lines              %llu%s%s\n", static_cast<Count>(report.logLines),
+              logPath.empty() ? "" : " in ", logPath.c_str());
   std::printf("  consume errors         %llu\n", static_cast<Count>(report.consumeErrors));
   if (report.warmup && report.end) {
     std::printf(
@@ -89,12 +97,17 @@ void printSummary(const flowmere::soak::SoakOptions& options,
 }  // namespace
 
 int main(int argc, char** argv) {
+  using flowmere::tools::badUsage;
+  using flowmere::tools::parseNumber;
   flowmere::soak::SoakOptions options;
+  std::optional<std::filesystem::path> logPath;
   for (int i = 1; i < argc; ++i) {
     const std::string_view flag = argv[i];
     if (flag == "--help" || flag == "-h") {
-      std::fputs(kUsage, stdout);
-      return 0;
+      return flowmere::tools::printUsage(kUsage);
+    }
+    if (flag == "--version") {
+      return flowmere::tools::printVersion(kProgram);
     }
     if (flag == "--keep-files") {
       options.keepFiles = true;
@@ -104,9 +117,18 @@ int main(int argc, char** argv) {
       options.verbose = true;
       continue;
     }
+    static constexpr std::string_view kValued[] = {
+        "--seconds",   "--fps",    "--restart-every", "--client-every",
+        "--rss-every", "--warmup", "--rss-tolerance", "--heap-tolerance",
+        "--progress",  "--seed",   "--rss-out",       "--dir",
+        "--log"};
+    if (std::find(std::begin(kValued), std::end(kValued), flag) == std::end(kValued)) {
+      return badUsage(kProgram, flag.rfind("--", 0) == 0
+                                    ? "unknown option '" + std::string(flag) + "'"
+                                    : "unexpected argument '" + std::string(flag) + "'");
+    }
     if (i + 1 >= argc) {
-      std::fprintf(stderr, "flowmere-soak: %s needs a value\n%s", argv[i], kUsage);
-      return 2;
+      return badUsage(kProgram, std::string(flag) + " needs a value");
     }
     const std::string_view value = argv[++i];
     double number = 0.0;
@@ -151,14 +173,23 @@ int main(int argc, char** argv) {
       options.rssOut = std::string(value);
     } else if (flag == "--dir") {
       options.directory = std::string(value);
-    } else {
-      std::fprintf(stderr, "flowmere-soak: unknown option %s\n%s", argv[i - 1], kUsage);
-      return 2;
+    } else if (flag == "--log") {
+      logPath = std::string(value);
     }
     if (!ok) {
-      std::fprintf(stderr, "flowmere-soak: bad value for %s: %s\n", argv[i - 1], argv[i]);
-      return 2;
+      return badUsage(kProgram, "bad value for " + std::string(flag) + ": " + std::string(value));
     }
+  }
+  if (!logPath) {
+    logPath = flowmere::tools::defaultLogFile(kProgram, std::filesystem::temp_directory_path());
+  }
+  std::string problem;
+  const std::shared_ptr<flowmere::tools::LogFile> log =
+      flowmere::tools::LogFile::open(*logPath, problem);
+  if (!log) {
+    std::fprintf(stderr, "flowmere-soak: %s (choose another place with --log FILE)\n",
+                 problem.c_str());
+    return 1;
   }
 
   std::printf(
@@ -167,7 +198,7 @@ int main(int argc, char** argv) {
       options.seconds, options.fps, options.restartEverySeconds, options.clientActionEverySeconds,
       options.rssEverySeconds);
   std::fflush(stdout);
-  const flowmere::soak::SoakReport report = flowmere::soak::runSoak(options, stdout);
-  printSummary(options, report);
+  const flowmere::soak::SoakReport report = flowmere::soak::runSoak(options, stdout, log);
+  printSummary(options, report, log->path().string());
   return report.failureCount == 0 ? 0 : 1;
 }
