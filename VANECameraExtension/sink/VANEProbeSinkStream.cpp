@@ -155,9 +155,15 @@ platform::Status VANEProbeSinkStream::startStream() {
   // the new generation.
   const std::uint64_t generation = chainGeneration.fetch_add(1) + 1;
   isConsuming.store(true);
-  timelineAnchorPTS.reset();
-  timelineAnchorHostSeconds.reset();
-  lastProducerPTS.reset();
+  {
+    // A completion of an older chain that passed its generation test before the change above
+    // finishes its anchor writes before these clears; one that tests after it finds its
+    // generation stale and writes nothing.
+    const Locker loop(loopLock);
+    timelineAnchorPTS.reset();
+    timelineAnchorHostSeconds.reset();
+    lastProducerPTS.reset();
+  }
 
   std::shared_ptr<const platform::Client> selected = selectedClient();
   if (!selected) {
@@ -260,8 +266,11 @@ void VANEProbeSinkStream::handleConsumeResult(std::uint64_t generation,
   }
 
   if (!sampleBuffer) {
-    const std::int64_t polls = emptyPolls.load(std::memory_order_relaxed) + 1;
-    emptyPolls.store(polls, std::memory_order_relaxed);
+    std::int64_t polls = 0;
+    {
+      const Locker loop(loopLock);
+      polls = ++emptyPolls;
+    }
     if (polls == 1 || polls % waitingLogInterval == 0) {
       log("sink waiting polls=" + std::to_string(polls) + " clients=" + clientSummary());
       metrics->setStatus("sink waiting for buffers polls=" + std::to_string(polls));
@@ -287,19 +296,17 @@ void VANEProbeSinkStream::handleConsumeResult(std::uint64_t generation,
     return;
   }
 
-  emptyPolls.store(0, std::memory_order_relaxed);
-  const std::uint64_t frame = receivedFrames.load(std::memory_order_relaxed) + 1;
-  receivedFrames.store(frame, std::memory_order_relaxed);
+  std::uint64_t frame = 0;
+  {
+    const Locker loop(loopLock);
+    emptyPolls = 0;
+    frame = ++receivedFrames;
+  }
   if (frame == 1 || frame % receivedLogInterval == 0) {
     log("sink received frame=" + std::to_string(frame) +
         " sequence=" + std::to_string(sequenceNumber) +
         " pts=" + shortestDecimal(sampleBuffer->presentationTimeStamp().seconds()) +
         " clients=" + clientSummary());
-  }
-  // A buffer answered to a chain that a later start replaced is dropped here: pacing it would
-  // disturb the new chain's anchors.
-  if (chainGeneration.load() != generation) {
-    return;
   }
   scheduleDelivery(generation, std::move(sampleBuffer), sequenceNumber);
 }
@@ -311,20 +318,29 @@ void VANEProbeSinkStream::scheduleDelivery(std::uint64_t generation,
   const double pts = sampleBuffer->presentationTimeStamp().seconds();
   double target = host;
 
-  // Negative zero is usable; negative values, NaN and infinities are not.
-  if (std::isfinite(pts) && pts >= 0.0) {
-    if (!lastProducerPTS || pts <= *lastProducerPTS || pts - *lastProducerPTS > anchorGapLimit ||
-        !timelineAnchorPTS || !timelineAnchorHostSeconds) {
-      timelineAnchorPTS = pts;
-      timelineAnchorHostSeconds = host;
+  {
+    const Locker loop(loopLock);
+    // A buffer answered to a chain that a later start replaced is dropped here: pacing it would
+    // disturb the new chain's anchors. The lock keeps that start's clears from falling between
+    // this test and the writes below.
+    if (chainGeneration.load() != generation) {
+      return;
     }
-    target = *timelineAnchorHostSeconds + (pts - *timelineAnchorPTS);
-    if (target < host - lateFrameLimit) {
-      timelineAnchorPTS = pts;
-      timelineAnchorHostSeconds = host;
-      target = host;
+    // Negative zero is usable; negative values, NaN and infinities are not.
+    if (std::isfinite(pts) && pts >= 0.0) {
+      if (!lastProducerPTS || pts <= *lastProducerPTS || pts - *lastProducerPTS > anchorGapLimit ||
+          !timelineAnchorPTS || !timelineAnchorHostSeconds) {
+        timelineAnchorPTS = pts;
+        timelineAnchorHostSeconds = host;
+      }
+      target = *timelineAnchorHostSeconds + (pts - *timelineAnchorPTS);
+      if (target < host - lateFrameLimit) {
+        timelineAnchorPTS = pts;
+        timelineAnchorHostSeconds = host;
+        target = host;
+      }
+      lastProducerPTS = pts;
     }
-    lastProducerPTS = pts;
   }
 
   double delay = target - host;
@@ -372,11 +388,14 @@ VANEProbeSinkStream::Snapshot VANEProbeSinkStream::snapshot() {
   }
   result.isConsuming = isConsuming.load();
   result.client = selectedClient();
-  result.emptyPolls = emptyPolls.load(std::memory_order_relaxed);
-  result.receivedFrames = receivedFrames.load(std::memory_order_relaxed);
-  result.timelineAnchorPTS = timelineAnchorPTS;
-  result.timelineAnchorHostSeconds = timelineAnchorHostSeconds;
-  result.lastProducerPTS = lastProducerPTS;
+  {
+    const Locker loop(loopLock);
+    result.emptyPolls = emptyPolls;
+    result.receivedFrames = receivedFrames;
+    result.timelineAnchorPTS = timelineAnchorPTS;
+    result.timelineAnchorHostSeconds = timelineAnchorHostSeconds;
+    result.lastProducerPTS = lastProducerPTS;
+  }
   result.chainGeneration = chainGeneration.load();
   return result;
 }

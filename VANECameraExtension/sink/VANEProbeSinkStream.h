@@ -27,9 +27,15 @@
 // - isConsuming and chainGeneration are written under formatLock and read by the loop without
 //   it, as atomics. `client` is written by authorisation, start and stop and read by the loop;
 //   its own small `clientLock` covers only the pointer copy.
-// - The loop's counters and pacing anchors carry no lock: only the current chain touches them,
-//   one step at a time. `handleConsumeResult`/`scheduleDelivery` run on the queue the platform
-//   completes on; requests and deliveries on the consume queue.
+// - The loop's counters and pacing anchors are guarded by `loopLock` (plain), because the
+//   completion (`handleConsumeResult`/`scheduleDelivery`) runs on whatever thread the platform
+//   completes on, which may differ from the thread of start and stop, and a stale chain's late
+//   completion may run beside the current chain's. The completion holds it for each counter
+//   update, and from the chain-generation test through the anchor writes; start holds it while
+//   it clears the anchors. Requests and deliveries run on the consume queue.
+// - loopLock and clientLock are leaves: each is held only to read or write its own fields, never
+//   together, and never while the metrics recorder, the source stream, the log or the platform
+//   is called.
 // - Every closure captures the sink weakly and does nothing once it is gone.
 
 #include <atomic>
@@ -92,10 +98,12 @@ class VANEProbeSinkStream final : public platform::StreamSource,
                            std::shared_ptr<platform::SampleBuffer> sampleBuffer,
                            std::uint64_t sequenceNumber,
                            platform::StreamDiscontinuityFlags discontinuity, bool hasMore,
-                           const std::optional<platform::Error>& error) EXCLUDES(formatLock);
+                           const std::optional<platform::Error>& error)
+      EXCLUDES(formatLock, loopLock);
+  // Drops the buffer if `generation` is no longer the newest chain; otherwise paces it.
   void scheduleDelivery(std::uint64_t generation,
                         std::shared_ptr<platform::SampleBuffer> sampleBuffer,
-                        std::uint64_t sequenceNumber);
+                        std::uint64_t sequenceNumber) EXCLUDES(loopLock);
   // Consume queue.
   void deliverSampleBuffer(const std::shared_ptr<platform::SampleBuffer>& sampleBuffer,
                            std::uint64_t sequenceNumber);
@@ -103,8 +111,7 @@ class VANEProbeSinkStream final : public platform::StreamSource,
   // "count=N clients=[...]" of this stream's streaming clients. Any thread.
   [[nodiscard]] std::string clientSummary() const;
 
-  // A copy of the sink's state for tests, tools and invariant checks. The loop fields are exact
-  // only when read on the consume queue or while the chain is idle.
+  // A copy of the sink's state for tests, tools and invariant checks. Any thread.
   struct Snapshot {
     std::int64_t storedFormatIndex = 0;
     bool isConsuming = false;
@@ -116,7 +123,7 @@ class VANEProbeSinkStream final : public platform::StreamSource,
     std::optional<double> lastProducerPTS;
     std::uint64_t chainGeneration = 0;
   };
-  [[nodiscard]] Snapshot snapshot() EXCLUDES(formatLock);
+  [[nodiscard]] Snapshot snapshot() EXCLUDES(formatLock, loopLock);
 
   [[nodiscard]] const std::shared_ptr<platform::Stream>& platformStream() const { return stream; }
   [[nodiscard]] const std::shared_ptr<VANEProbeExtensionMetrics>& metricsRecorder() const {
@@ -165,13 +172,13 @@ class VANEProbeSinkStream final : public platform::StreamSource,
   std::atomic<int> deliveriesInFlight{0};
   std::atomic<std::uint64_t> chainGeneration{0};
 
-  // Loop state: only the current chain touches these, one step at a time. The counters are
-  // relaxed atomics only so that snapshots taken from other threads are well defined.
-  std::atomic<std::int64_t> emptyPolls{0};
-  std::atomic<std::uint64_t> receivedFrames{0};
-  std::optional<double> timelineAnchorPTS;
-  std::optional<double> timelineAnchorHostSeconds;
-  std::optional<double> lastProducerPTS;
+  // Loop state, written by the completion (any platform thread) and, for the anchors, by start.
+  platform::Mutex loopLock;
+  std::int64_t emptyPolls GUARDED_BY(loopLock) = 0;
+  std::uint64_t receivedFrames GUARDED_BY(loopLock) = 0;
+  std::optional<double> timelineAnchorPTS GUARDED_BY(loopLock);
+  std::optional<double> timelineAnchorHostSeconds GUARDED_BY(loopLock);
+  std::optional<double> lastProducerPTS GUARDED_BY(loopLock);
 };
 
 }  // namespace flowmere
