@@ -4,6 +4,7 @@
 // `-Wthread-safety` can check which lock guards which field. On other compilers the annotations
 // compile away and the types are plain std::mutex / std::recursive_mutex.
 
+#include <condition_variable>
 #include <mutex>
 
 #if defined(__clang__)
@@ -30,7 +31,24 @@ class CAPABILITY("mutex") Mutex {
   void unlock() RELEASE() { mutex_.unlock(); }
 
  private:
+  friend class ConditionVariable;
   std::mutex mutex_;
+};
+
+// A condition variable used with a `Mutex` that the caller holds. Any thread.
+class ConditionVariable {
+ public:
+  // Releases `mutex` while it waits and holds it again when it returns, which may be spuriously:
+  // callers wait in a loop on their condition.
+  void wait(Mutex& mutex) REQUIRES(mutex) {
+    std::unique_lock<std::mutex> held(mutex.mutex_, std::adopt_lock);
+    condition_.wait(held);
+    held.release();
+  }
+  void notifyAll() { condition_.notify_all(); }
+
+ private:
+  std::condition_variable condition_;
 };
 
 // A lock that its holder may take again. Any thread.

@@ -1,7 +1,6 @@
 #include "sink/VANEProbeSinkStream.h"
 
 #include <cmath>
-#include <thread>
 
 #include "HostTime.h"
 #include "formats/FormatCatalogue.h"
@@ -155,9 +154,15 @@ platform::Status VANEProbeSinkStream::startStream() {
   // the new generation.
   const std::uint64_t generation = chainGeneration.fetch_add(1) + 1;
   isConsuming.store(true);
-  timelineAnchorPTS.reset();
-  timelineAnchorHostSeconds.reset();
-  lastProducerPTS.reset();
+  {
+    // A completion of an older chain that passed its generation test before the change above
+    // finishes its anchor writes before these clears; one that tests after it finds its
+    // generation stale and writes nothing.
+    const Locker loop(loopLock);
+    timelineAnchorPTS.reset();
+    timelineAnchorHostSeconds.reset();
+    lastProducerPTS.reset();
+  }
 
   std::shared_ptr<const platform::Client> selected = selectedClient();
   if (!selected) {
@@ -181,21 +186,39 @@ platform::Status VANEProbeSinkStream::startStream() {
 }
 
 platform::Status VANEProbeSinkStream::stopStream() {
+  // Before formatLock: a running delivery may need it (a platform that completes a consume
+  // request on the requesting thread), and set and start must not block behind the wait.
+  holdDeliveriesForStop();
   const Locker lock(formatLock);
   log("sink stopStream started=false clients=" + clientSummary());
   isConsuming.store(false);
-  // A delivery that passed its chain check before the line above may still be running on the
-  // consume queue; every later one ends at its check. Waiting holds no lock the delivery needs:
-  // the frame path never takes the sink's formatLock.
-  while (deliveriesInFlight.load() > 0) {
-    std::this_thread::yield();
-  }
+  // Deliveries of this chain now end at their check; a start that follows this stop (it needs
+  // formatLock) finds the gate open for its own.
+  releaseDeliveries();
   if (auto source = sourceStream.lock()) {
     source->clearProducerFormatIndex();
   }
   metrics->setStatus("sink stopped");
   setSelectedClient(nullptr);
   return platform::Status::success();
+}
+
+void VANEProbeSinkStream::holdDeliveriesForStop() {
+  const Locker lock(deliveryLock);
+  ++stopsPending;
+  // A delivery running on this thread is the caller of this stop: waiting for it would never end.
+  if (deliveryRunning && deliveryThread != std::this_thread::get_id()) {
+    ++stopsWaiting;
+    while (deliveryRunning) {
+      deliveryEnded.wait(deliveryLock);
+    }
+    --stopsWaiting;
+  }
+}
+
+void VANEProbeSinkStream::releaseDeliveries() {
+  const Locker lock(deliveryLock);
+  --stopsPending;
 }
 
 // --- Consume loop ----------------------------------------------------------------------------
@@ -260,8 +283,11 @@ void VANEProbeSinkStream::handleConsumeResult(std::uint64_t generation,
   }
 
   if (!sampleBuffer) {
-    const std::int64_t polls = emptyPolls.load(std::memory_order_relaxed) + 1;
-    emptyPolls.store(polls, std::memory_order_relaxed);
+    std::int64_t polls = 0;
+    {
+      const Locker loop(loopLock);
+      polls = ++emptyPolls;
+    }
     if (polls == 1 || polls % waitingLogInterval == 0) {
       log("sink waiting polls=" + std::to_string(polls) + " clients=" + clientSummary());
       metrics->setStatus("sink waiting for buffers polls=" + std::to_string(polls));
@@ -287,19 +313,17 @@ void VANEProbeSinkStream::handleConsumeResult(std::uint64_t generation,
     return;
   }
 
-  emptyPolls.store(0, std::memory_order_relaxed);
-  const std::uint64_t frame = receivedFrames.load(std::memory_order_relaxed) + 1;
-  receivedFrames.store(frame, std::memory_order_relaxed);
+  std::uint64_t frame = 0;
+  {
+    const Locker loop(loopLock);
+    emptyPolls = 0;
+    frame = ++receivedFrames;
+  }
   if (frame == 1 || frame % receivedLogInterval == 0) {
     log("sink received frame=" + std::to_string(frame) +
         " sequence=" + std::to_string(sequenceNumber) +
         " pts=" + shortestDecimal(sampleBuffer->presentationTimeStamp().seconds()) +
         " clients=" + clientSummary());
-  }
-  // A buffer answered to a chain that a later start replaced is dropped here: pacing it would
-  // disturb the new chain's anchors.
-  if (chainGeneration.load() != generation) {
-    return;
   }
   scheduleDelivery(generation, std::move(sampleBuffer), sequenceNumber);
 }
@@ -311,20 +335,29 @@ void VANEProbeSinkStream::scheduleDelivery(std::uint64_t generation,
   const double pts = sampleBuffer->presentationTimeStamp().seconds();
   double target = host;
 
-  // Negative zero is usable; negative values, NaN and infinities are not.
-  if (std::isfinite(pts) && pts >= 0.0) {
-    if (!lastProducerPTS || pts <= *lastProducerPTS || pts - *lastProducerPTS > anchorGapLimit ||
-        !timelineAnchorPTS || !timelineAnchorHostSeconds) {
-      timelineAnchorPTS = pts;
-      timelineAnchorHostSeconds = host;
+  {
+    const Locker loop(loopLock);
+    // A buffer answered to a chain that a later start replaced is dropped here: pacing it would
+    // disturb the new chain's anchors. The lock keeps that start's clears from falling between
+    // this test and the writes below.
+    if (chainGeneration.load() != generation) {
+      return;
     }
-    target = *timelineAnchorHostSeconds + (pts - *timelineAnchorPTS);
-    if (target < host - lateFrameLimit) {
-      timelineAnchorPTS = pts;
-      timelineAnchorHostSeconds = host;
-      target = host;
+    // Negative zero is usable; negative values, NaN and infinities are not.
+    if (std::isfinite(pts) && pts >= 0.0) {
+      if (!lastProducerPTS || pts <= *lastProducerPTS || pts - *lastProducerPTS > anchorGapLimit ||
+          !timelineAnchorPTS || !timelineAnchorHostSeconds) {
+        timelineAnchorPTS = pts;
+        timelineAnchorHostSeconds = host;
+      }
+      target = *timelineAnchorHostSeconds + (pts - *timelineAnchorPTS);
+      if (target < host - lateFrameLimit) {
+        timelineAnchorPTS = pts;
+        timelineAnchorHostSeconds = host;
+        target = host;
+      }
+      lastProducerPTS = pts;
     }
-    lastProducerPTS = pts;
   }
 
   double delay = target - host;
@@ -334,19 +367,39 @@ void VANEProbeSinkStream::scheduleDelivery(std::uint64_t generation,
   const auto deadline = std::chrono::nanoseconds(static_cast<std::int64_t>(delay * 1e9));
   consumeQueue->asyncAfter(deadline, [weakSelf = weak_from_this(), generation,
                                       buffer = std::move(sampleBuffer), sequenceNumber] {
-    auto self = weakSelf.lock();
-    if (!self) {
-      return;
+    if (auto self = weakSelf.lock()) {
+      self->runDelivery(generation, buffer, sequenceNumber);
     }
-    // Counted before the check, so that a stop either sees this delivery or it sees the stop.
-    self->deliveriesInFlight.fetch_add(1);
-    if (self->isCurrentChain(generation)) {
-      self->deliverSampleBuffer(buffer, sequenceNumber);
-      self->requestNextSampleBuffer(generation);
-    }
-    // Otherwise stopped (or restarted) meanwhile: the buffer is dropped undelivered.
-    self->deliveriesInFlight.fetch_sub(1);
   });
+}
+
+void VANEProbeSinkStream::runDelivery(std::uint64_t generation,
+                                      const std::shared_ptr<platform::SampleBuffer>& sampleBuffer,
+                                      std::uint64_t sequenceNumber) {
+  {
+    // The check and the mark are one step under the gate's lock, so a stop either finds this
+    // delivery running (and waits for it) or this delivery finds the stop (and drops its buffer).
+    const Locker lock(deliveryLock);
+    if (stopsPending > 0 || !isCurrentChain(generation)) {
+      return;  // stopped (or restarted, or about to stop) meanwhile: dropped undelivered
+    }
+    deliveryRunning = true;
+    deliveryThread = std::this_thread::get_id();
+  }
+  deliverSampleBuffer(sampleBuffer, sequenceNumber);
+  bool goOn = false;
+  {
+    const Locker lock(deliveryLock);
+    deliveryRunning = false;
+    if (stopsWaiting > 0) {
+      deliveryEnded.notifyAll();
+    }
+    // A pending stop ends the chain here, as its isConsuming change would at the request.
+    goOn = stopsPending == 0;
+  }
+  if (goOn) {
+    requestNextSampleBuffer(generation);
+  }
 }
 
 void VANEProbeSinkStream::deliverSampleBuffer(
@@ -372,11 +425,18 @@ VANEProbeSinkStream::Snapshot VANEProbeSinkStream::snapshot() {
   }
   result.isConsuming = isConsuming.load();
   result.client = selectedClient();
-  result.emptyPolls = emptyPolls.load(std::memory_order_relaxed);
-  result.receivedFrames = receivedFrames.load(std::memory_order_relaxed);
-  result.timelineAnchorPTS = timelineAnchorPTS;
-  result.timelineAnchorHostSeconds = timelineAnchorHostSeconds;
-  result.lastProducerPTS = lastProducerPTS;
+  {
+    const Locker loop(loopLock);
+    result.emptyPolls = emptyPolls;
+    result.receivedFrames = receivedFrames;
+    result.timelineAnchorPTS = timelineAnchorPTS;
+    result.timelineAnchorHostSeconds = timelineAnchorHostSeconds;
+    result.lastProducerPTS = lastProducerPTS;
+  }
+  {
+    const Locker gate(deliveryLock);
+    result.stopsWaitingForDelivery = stopsWaiting;
+  }
   result.chainGeneration = chainGeneration.load();
   return result;
 }

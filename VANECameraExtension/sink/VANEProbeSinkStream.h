@@ -17,19 +17,38 @@
 // platform's consume completions: request -> answer -> (retry | paced delivery) -> request.
 // A chain has at most one request or delivery outstanding. Each start begins a new chain with a
 // new generation; every step of an older chain finds its generation stale and ends, so a quick
-// stop/start never leaves two chains running. Stop also waits for a delivery that is already
-// running to finish, so no buffer of the stopped chain is delivered once stop has returned.
+// stop/start never leaves two chains running.
+//
+// A stop never overlaps a delivery that runs on another thread. It first holds back deliveries
+// that have not begun (they drop their buffers), waits for the one that is running, if any, to
+// finish, and only then takes `formatLock` and runs its steps. So the sink's recorder (not safe
+// for two threads at once) is never used by a delivery and by stop's "sink stopped" at the same
+// time, that status is not overwritten by a late frame's, a running delivery still publishes the
+// producer's pid, and no buffer of the stopped chain is delivered once stop has returned, nor
+// while the next start resets the recorder and the timeline. A stop issued from within a
+// delivery does not wait (the delivery is its caller): it runs its steps, returns, and the
+// delivery finishes its own steps without requesting another buffer. A stop must not come from a
+// thread that a running delivery itself waits for.
 //
 // Threading:
 // - Platform calls arrive on any platform thread. `formatLock` (recursive) guards
 //   storedFormatIndex and makes set, start and stop mutually exclusive; start and stop call the
-//   source stream (its formatLock or stateLock) and the metrics recorder while holding it.
+//   source stream (its formatLock or stateLock) and the metrics recorder while holding it. Stop
+//   waits for a running delivery before it takes formatLock, never while holding it.
 // - isConsuming and chainGeneration are written under formatLock and read by the loop without
 //   it, as atomics. `client` is written by authorisation, start and stop and read by the loop;
 //   its own small `clientLock` covers only the pointer copy.
-// - The loop's counters and pacing anchors carry no lock: only the current chain touches them,
-//   one step at a time. `handleConsumeResult`/`scheduleDelivery` run on the queue the platform
-//   completes on; requests and deliveries on the consume queue.
+// - The loop's counters and pacing anchors are guarded by `loopLock` (plain), because the
+//   completion (`handleConsumeResult`/`scheduleDelivery`) runs on whatever thread the platform
+//   completes on, which may differ from the thread of start and stop, and a stale chain's late
+//   completion may run beside the current chain's. The completion holds it for each counter
+//   update, and from the chain-generation test through the anchor writes; start holds it while
+//   it clears the anchors. Requests and deliveries run on the consume queue.
+// - `deliveryLock` (plain) guards the delivery gate: which thread runs a delivery, and how many
+//   stops are waiting for it.
+// - loopLock, deliveryLock and clientLock are leaves: each is held only to read or write its own
+//   fields, never together, and never while the metrics recorder, the source stream, the log or
+//   the platform is called.
 // - Every closure captures the sink weakly and does nothing once it is gone.
 
 #include <atomic>
@@ -37,6 +56,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "DeviceIdentity.h"
 #include "metrics/VANEProbeExtensionMetrics.h"
@@ -92,10 +112,12 @@ class VANEProbeSinkStream final : public platform::StreamSource,
                            std::shared_ptr<platform::SampleBuffer> sampleBuffer,
                            std::uint64_t sequenceNumber,
                            platform::StreamDiscontinuityFlags discontinuity, bool hasMore,
-                           const std::optional<platform::Error>& error) EXCLUDES(formatLock);
+                           const std::optional<platform::Error>& error)
+      EXCLUDES(formatLock, loopLock);
+  // Drops the buffer if `generation` is no longer the newest chain; otherwise paces it.
   void scheduleDelivery(std::uint64_t generation,
                         std::shared_ptr<platform::SampleBuffer> sampleBuffer,
-                        std::uint64_t sequenceNumber);
+                        std::uint64_t sequenceNumber) EXCLUDES(loopLock);
   // Consume queue.
   void deliverSampleBuffer(const std::shared_ptr<platform::SampleBuffer>& sampleBuffer,
                            std::uint64_t sequenceNumber);
@@ -103,8 +125,7 @@ class VANEProbeSinkStream final : public platform::StreamSource,
   // "count=N clients=[...]" of this stream's streaming clients. Any thread.
   [[nodiscard]] std::string clientSummary() const;
 
-  // A copy of the sink's state for tests, tools and invariant checks. The loop fields are exact
-  // only when read on the consume queue or while the chain is idle.
+  // A copy of the sink's state for tests, tools and invariant checks. Any thread.
   struct Snapshot {
     std::int64_t storedFormatIndex = 0;
     bool isConsuming = false;
@@ -115,8 +136,10 @@ class VANEProbeSinkStream final : public platform::StreamSource,
     std::optional<double> timelineAnchorHostSeconds;
     std::optional<double> lastProducerPTS;
     std::uint64_t chainGeneration = 0;
+    // Stops that are waiting for a delivery running on another thread.
+    int stopsWaitingForDelivery = 0;
   };
-  [[nodiscard]] Snapshot snapshot() EXCLUDES(formatLock);
+  [[nodiscard]] Snapshot snapshot() EXCLUDES(formatLock, loopLock);
 
   [[nodiscard]] const std::shared_ptr<platform::Stream>& platformStream() const { return stream; }
   [[nodiscard]] const std::shared_ptr<VANEProbeExtensionMetrics>& metricsRecorder() const {
@@ -140,6 +163,15 @@ class VANEProbeSinkStream final : public platform::StreamSource,
   [[nodiscard]] bool isCurrentChain(std::uint64_t generation) const;
   void dispatchRequest(std::uint64_t generation);
   void dispatchRequestAfter(std::chrono::nanoseconds delay, std::uint64_t generation);
+  // The delivery work item: passes the gate, delivers, leaves the gate, and requests the next
+  // buffer unless a stop is pending. Consume queue.
+  void runDelivery(std::uint64_t generation,
+                   const std::shared_ptr<platform::SampleBuffer>& sampleBuffer,
+                   std::uint64_t sequenceNumber) EXCLUDES(deliveryLock);
+  // Stop's wait: holds back deliveries that have not begun and waits until none runs on another
+  // thread. Each call is paired with one releaseDeliveries().
+  void holdDeliveriesForStop() EXCLUDES(deliveryLock, formatLock);
+  void releaseDeliveries() EXCLUDES(deliveryLock);
 
   const std::shared_ptr<platform::Platform> platform;
   // Set once by create(), before the device is published; never changed.
@@ -159,19 +191,25 @@ class VANEProbeSinkStream final : public platform::StreamSource,
   std::shared_ptr<const platform::Client> client GUARDED_BY(clientLock);
   // Written under formatLock; read by the loop without it.
   std::atomic<bool> isConsuming{false};
-  // Delivery work items between their chain check and their end. Stop waits for it to reach
-  // zero, so that no delivery of the stopped chain is still running when stop returns and the
-  // next start's metrics reset cannot overlap one.
-  std::atomic<int> deliveriesInFlight{0};
   std::atomic<std::uint64_t> chainGeneration{0};
 
-  // Loop state: only the current chain touches these, one step at a time. The counters are
-  // relaxed atomics only so that snapshots taken from other threads are well defined.
-  std::atomic<std::int64_t> emptyPolls{0};
-  std::atomic<std::uint64_t> receivedFrames{0};
-  std::optional<double> timelineAnchorPTS;
-  std::optional<double> timelineAnchorHostSeconds;
-  std::optional<double> lastProducerPTS;
+  // The delivery gate. A delivery begins only while no stop is pending and its chain is current,
+  // and records its thread until its frame is out; a stop counts itself pending and, while a
+  // delivery runs on another thread, counts itself waiting and waits on `deliveryEnded`.
+  platform::Mutex deliveryLock;
+  platform::ConditionVariable deliveryEnded;
+  bool deliveryRunning GUARDED_BY(deliveryLock) = false;
+  std::thread::id deliveryThread GUARDED_BY(deliveryLock);
+  int stopsPending GUARDED_BY(deliveryLock) = 0;
+  int stopsWaiting GUARDED_BY(deliveryLock) = 0;
+
+  // Loop state, written by the completion (any platform thread) and, for the anchors, by start.
+  platform::Mutex loopLock;
+  std::int64_t emptyPolls GUARDED_BY(loopLock) = 0;
+  std::uint64_t receivedFrames GUARDED_BY(loopLock) = 0;
+  std::optional<double> timelineAnchorPTS GUARDED_BY(loopLock);
+  std::optional<double> timelineAnchorHostSeconds GUARDED_BY(loopLock);
+  std::optional<double> lastProducerPTS GUARDED_BY(loopLock);
 };
 
 }  // namespace flowmere
