@@ -280,7 +280,10 @@ std::shared_ptr<EmbeddedCameraService> EmbeddedCameraService::create(EmbeddedOpt
 }
 
 EmbeddedCameraService::EmbeddedCameraService(EmbeddedOptions options)
-    : options_(std::move(options)) {
+    : options_(std::move(options)),
+      consumeWaitLimit_(options_.consumeWaitLimit.value_or(
+          options_.mode == TimeMode::kReal ? std::chrono::nanoseconds(kConsumeWaitLimit)
+                                           : std::chrono::nanoseconds(0))) {
   log_ = std::make_unique<ServiceLog>(options_.logSink);
   fileManager_ = std::make_unique<EmbeddedFileManager>(
       *this, options_.containerParent, options_.containerDirectory, options_.temporaryDirectory,
@@ -332,6 +335,15 @@ void EmbeddedCameraService::runMainRunLoop() {
 }
 
 void EmbeddedCameraService::shutdown() {
+  // Set before the sweep: a request either sees it and is answered at once, or is swept.
+  shutDown_.store(true);
+  if (const auto provider = publishedProvider()) {
+    for (const auto& device : provider->devices()) {
+      for (const auto& stream : device->streams()) {
+        stream->answerWaitingRequests();
+      }
+    }
+  }
   {
     const std::scoped_lock lock(runLoopMutex_);
     shutdownRequested_ = true;
@@ -470,6 +482,15 @@ void EmbeddedCameraService::dispatchCompletion(platform::Work work) {
   } else {
     completionQueue_->async(std::move(work));
   }
+}
+
+void EmbeddedCameraService::schedulePlatformWork(std::chrono::nanoseconds delay,
+                                                 platform::Work work) {
+  completionQueue_->asyncAfter(delay, std::move(work));
+}
+
+std::int64_t EmbeddedCameraService::nowNanoseconds() const {
+  return executor_ ? executor_->nowNanoseconds() : MonotonicClock::nowNanoseconds();
 }
 
 bool EmbeddedCameraService::shouldRefuseStream() {

@@ -7,16 +7,19 @@
 // files, log) and plays the service's side towards the extension: it keeps each stream's
 // streaming clients, forwards client calls (properties, authorisation, start, stop) to the
 // extension, gives the producer a bounded buffer queue per sink stream and client (three
-// buffers, as the sink reports) from which consume requests are answered at once, and hands what
-// the extension sends (sample buffers, scheduled outputs, property changes) to subscribers.
+// buffers, as the sink reports) from which consume requests are answered, and hands what the
+// extension sends (sample buffers, scheduled outputs, property changes) to subscribers.
 //
 // Two modes:
 // - virtual time: a manual executor drives a virtual clock; nothing runs until the owner advances
 //   time, and then everything runs on the owner's thread, deterministically. Client calls run
-//   synchronously on the caller's thread.
+//   synchronously on the caller's thread. Consume requests are answered at once, with a buffer
+//   or empty, so scripted runs keep their timing.
 // - real time: CLOCK_MONOTONIC and real threads. Client calls and consume completions run on one
 //   serial platform thread (the caller waits for the call's result), so calls into the extension
-//   never run on the caller's stack or under the caller's locks.
+//   never run on the caller's stack or under the caller's locks. A consume request that finds
+//   the queue empty waits for the producer's next push, up to `kConsumeWaitLimit`, so a frame
+//   reaches the extension when it is pushed instead of at the loop's next retry.
 //
 // Threading: every public operation may be called from any thread unless it says otherwise.
 // `mutex_` guards the registry, the clients, the producer queues, the subscribers and the fault
@@ -70,6 +73,11 @@ struct EmbeddedOptions {
   std::filesystem::path temporaryDirectory = "/tmp";
   // The settings suite: an SQLite store in the container, or an in-memory one.
   enum class Settings { kSqlite, kMemory } settings = Settings::kSqlite;
+  // How long a consume request that finds the producer's queue empty waits for a push before it
+  // is answered empty. None: the mode's default, `kConsumeWaitLimit` in real time and 0 (answered
+  // at once) in virtual time. Tests set it to make requests wait in virtual time, or to shorten
+  // the wait in real time.
+  std::optional<std::chrono::nanoseconds> consumeWaitLimit{};
   // Timer slack for the real-time serial queues of user-interactive quality (0: default).
   std::uint64_t interactiveTimerSlackNanoseconds = 1;
   EmbeddedFaults faults;
@@ -152,7 +160,8 @@ class EmbeddedCameraService final : public platform::Platform,
   const platform::Clock& clock() override { return *clock_; }
   platform::Log& log() override { return *log_; }
 
-  // Ends `runMainRunLoop`.
+  // Ends `runMainRunLoop`. Consume requests still waiting are answered empty, and later ones are
+  // answered at once.
   void shutdown();
 
   [[nodiscard]] TimeMode mode() const { return options_.mode; }
@@ -175,7 +184,8 @@ class EmbeddedCameraService final : public platform::Platform,
   // Fault switches that may change while running.
   void failNextConsumeRequests(int count, std::string localizedDescription);
   void setFailFileWrites(bool fail);
-  // Every consume answer (buffer, empty or error) arrives `delay` after its request instead of
+  // Every consume answer (buffer, empty or error) arrives `delay` after it is ready (at the
+  // request, or for a waiting request at the push, timeout or stop that answers it) instead of
   // at once, as from a service whose answers take time; 0 restores the default. With
   // failNextConsumeRequests(n) a run of n errors then lasts n x delay, in virtual time too.
   void setConsumeAnswerDelay(std::chrono::nanoseconds delay);
@@ -205,6 +215,14 @@ class EmbeddedCameraService final : public platform::Platform,
 
   // Internal: used by the embedded objects.
   void dispatchCompletion(platform::Work work);
+  // Runs `work` on the platform queue after `delay`.
+  void schedulePlatformWork(std::chrono::nanoseconds delay, platform::Work work);
+  // How long a consume request may wait for a push; 0 (answer at once) once shut down.
+  [[nodiscard]] std::chrono::nanoseconds consumeWaitLimit() const {
+    return shutDown_.load() ? std::chrono::nanoseconds(0) : consumeWaitLimit_;
+  }
+  // The clock of the platform queue's deadlines: virtual time, or CLOCK_MONOTONIC.
+  [[nodiscard]] std::int64_t nowNanoseconds() const;
   bool shouldRefuseStream();
   [[nodiscard]] bool refusesDevice() const { return options_.faults.refuseDevice; }
   std::optional<platform::Error> takeConsumeFault();
@@ -222,6 +240,8 @@ class EmbeddedCameraService final : public platform::Platform,
   class SharedSettingsStore;
 
   const EmbeddedOptions options_;
+  const std::chrono::nanoseconds consumeWaitLimit_;
+  std::atomic<bool> shutDown_{false};
   std::unique_ptr<ManualExecutor> executor_;
   std::unique_ptr<platform::Clock> clock_;
   std::unique_ptr<platform::Log> log_;
