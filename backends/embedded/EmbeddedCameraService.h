@@ -7,16 +7,19 @@
 // files, log) and plays the service's side towards the extension: it keeps each stream's
 // streaming clients, forwards client calls (properties, authorisation, start, stop) to the
 // extension, gives the producer a bounded buffer queue per sink stream and client (three
-// buffers, as the sink reports) from which consume requests are answered at once, and hands what
-// the extension sends (sample buffers, scheduled outputs, property changes) to subscribers.
+// buffers, as the sink reports) from which consume requests are answered, and hands what the
+// extension sends (sample buffers, scheduled outputs, property changes) to subscribers.
 //
 // Two modes:
 // - virtual time: a manual executor drives a virtual clock; nothing runs until the owner advances
 //   time, and then everything runs on the owner's thread, deterministically. Client calls run
-//   synchronously on the caller's thread.
+//   synchronously on the caller's thread. Consume requests are answered at once, with a buffer
+//   or empty, so scripted runs keep their timing.
 // - real time: CLOCK_MONOTONIC and real threads. Client calls and consume completions run on one
 //   serial platform thread (the caller waits for the call's result), so calls into the extension
-//   never run on the caller's stack or under the caller's locks.
+//   never run on the caller's stack or under the caller's locks. A consume request that finds
+//   the queue empty waits for the producer's next push, up to `kConsumeWaitLimit`, so a frame
+//   reaches the extension when it is pushed instead of at the loop's next retry.
 //
 // Threading: every public operation may be called from any thread unless it says otherwise.
 // `mutex_` guards the registry, the clients, the producer queues, the subscribers and the fault
@@ -36,6 +39,7 @@
 #include <vector>
 
 #include "EmbeddedQueues.h"
+#include "EmbeddedStream.h"
 #include "VirtualClock.h"
 #include "platform/Platform.h"
 #include "platform/ThreadAnnotations.h"
@@ -69,76 +73,16 @@ struct EmbeddedOptions {
   std::filesystem::path temporaryDirectory = "/tmp";
   // The settings suite: an SQLite store in the container, or an in-memory one.
   enum class Settings { kSqlite, kMemory } settings = Settings::kSqlite;
+  // How long a consume request that finds the producer's queue empty waits for a push before it
+  // is answered empty. None: the mode's default, `kConsumeWaitLimit` in real time and 0 (answered
+  // at once) in virtual time. Tests set it to make requests wait in virtual time, or to shorten
+  // the wait in real time.
+  std::optional<std::chrono::nanoseconds> consumeWaitLimit{};
   // Timer slack for the real-time serial queues of user-interactive quality (0: default).
   std::uint64_t interactiveTimerSlackNanoseconds = 1;
   EmbeddedFaults faults;
   // Receives every log line; null: the lines go to stderr.
   std::function<void(std::string_view)> logSink;
-};
-
-// A platform stream of the embedded service.
-class EmbeddedStream final : public platform::Stream {
- public:
-  EmbeddedStream(EmbeddedCameraService& service, std::string localizedName, platform::Uuid streamID,
-                 platform::StreamDirection direction, std::weak_ptr<platform::StreamSource> source);
-
-  // platform::Stream
-  [[nodiscard]] const std::string& localizedName() const override { return localizedName_; }
-  [[nodiscard]] const platform::Uuid& streamID() const override { return streamID_; }
-  [[nodiscard]] platform::StreamDirection direction() const override { return direction_; }
-  [[nodiscard]] platform::StreamClockType clockType() const override {
-    return platform::StreamClockType::CMIOExtensionStreamClockTypeHostTime;
-  }
-  [[nodiscard]] std::vector<std::shared_ptr<const platform::Client>> streamingClients()
-      const override;
-  void notifyPropertiesChanged(const platform::PropertyStateMap& changes) override;
-  void consumeSampleBufferFromClient(const std::shared_ptr<const platform::Client>& client,
-                                     platform::ConsumeCompletion completion) override;
-  void notifyScheduledOutputChanged(const platform::ScheduledOutput& output) override;
-  void sendSampleBuffer(const std::shared_ptr<platform::SampleBuffer>& buffer,
-                        platform::StreamDiscontinuityFlags discontinuity,
-                        std::uint64_t hostTimeInNanoseconds) override;
-
-  // The service's side: what camera clients and the producer do.
-  void setStreamingClients(std::vector<std::shared_ptr<const platform::Client>> clients);
-  [[nodiscard]] std::shared_ptr<platform::StreamSource> source() const { return source_.lock(); }
-  [[nodiscard]] std::shared_ptr<const platform::StreamFormatList> formats();
-  [[nodiscard]] platform::PropertySet availableProperties();
-  platform::Result<platform::StreamProperties> getProperties(const platform::PropertySet& names);
-  platform::Status setProperties(const platform::StreamProperties& properties);
-  bool authorize(const std::shared_ptr<const platform::Client>& client);
-  platform::Status start();
-  platform::Status stop();
-  // Puts a producer buffer into this sink stream's queue for `client`; false when the queue
-  // already holds three buffers (the buffer is refused, not lost silently).
-  bool push(const std::shared_ptr<const platform::Client>& client,
-            std::shared_ptr<platform::SampleBuffer> buffer, std::uint64_t sequenceNumber);
-  // Drops the buffers a departing client left in its queue, releasing them.
-  void discardProducerQueue(const platform::Uuid& clientID);
-  // Buffers waiting in this stream's queues.
-  [[nodiscard]] std::size_t queuedBufferCount() const;
-  // Consume requests whose completion has not run yet.
-  [[nodiscard]] int pendingConsumeRequests() const { return pendingConsumeRequests_->load(); }
-
-  static constexpr std::size_t kProducerQueueCapacity = 3;
-
- private:
-  struct Queued {
-    std::shared_ptr<platform::SampleBuffer> buffer;
-    std::uint64_t sequenceNumber;
-  };
-
-  EmbeddedCameraService& service_;
-  const std::string localizedName_;
-  const platform::Uuid streamID_;
-  const platform::StreamDirection direction_;
-  const std::weak_ptr<platform::StreamSource> source_;
-  mutable platform::Mutex mutex_;
-  std::vector<std::shared_ptr<const platform::Client>> streamingClients_ GUARDED_BY(mutex_);
-  std::map<platform::Uuid, std::deque<Queued>> producerQueues_ GUARDED_BY(mutex_);
-  // Shared with the completions in flight, which may outlive the stream at shutdown.
-  const std::shared_ptr<std::atomic<int>> pendingConsumeRequests_ =
-      std::make_shared<std::atomic<int>>(0);
 };
 
 class EmbeddedDevice final : public platform::Device {
@@ -216,7 +160,8 @@ class EmbeddedCameraService final : public platform::Platform,
   const platform::Clock& clock() override { return *clock_; }
   platform::Log& log() override { return *log_; }
 
-  // Ends `runMainRunLoop`.
+  // Ends `runMainRunLoop`. Consume requests still waiting are answered empty, and later ones are
+  // answered at once.
   void shutdown();
 
   [[nodiscard]] TimeMode mode() const { return options_.mode; }
@@ -239,7 +184,8 @@ class EmbeddedCameraService final : public platform::Platform,
   // Fault switches that may change while running.
   void failNextConsumeRequests(int count, std::string localizedDescription);
   void setFailFileWrites(bool fail);
-  // Every consume answer (buffer, empty or error) arrives `delay` after its request instead of
+  // Every consume answer (buffer, empty or error) arrives `delay` after it is ready (at the
+  // request, or for a waiting request at the push, timeout or stop that answers it) instead of
   // at once, as from a service whose answers take time; 0 restores the default. With
   // failNextConsumeRequests(n) a run of n errors then lasts n x delay, in virtual time too.
   void setConsumeAnswerDelay(std::chrono::nanoseconds delay);
@@ -269,6 +215,14 @@ class EmbeddedCameraService final : public platform::Platform,
 
   // Internal: used by the embedded objects.
   void dispatchCompletion(platform::Work work);
+  // Runs `work` on the platform queue after `delay`.
+  void schedulePlatformWork(std::chrono::nanoseconds delay, platform::Work work);
+  // How long a consume request may wait for a push; 0 (answer at once) once shut down.
+  [[nodiscard]] std::chrono::nanoseconds consumeWaitLimit() const {
+    return shutDown_.load() ? std::chrono::nanoseconds(0) : consumeWaitLimit_;
+  }
+  // The clock of the platform queue's deadlines: virtual time, or CLOCK_MONOTONIC.
+  [[nodiscard]] std::int64_t nowNanoseconds() const;
   bool shouldRefuseStream();
   [[nodiscard]] bool refusesDevice() const { return options_.faults.refuseDevice; }
   std::optional<platform::Error> takeConsumeFault();
@@ -286,6 +240,8 @@ class EmbeddedCameraService final : public platform::Platform,
   class SharedSettingsStore;
 
   const EmbeddedOptions options_;
+  const std::chrono::nanoseconds consumeWaitLimit_;
+  std::atomic<bool> shutDown_{false};
   std::unique_ptr<ManualExecutor> executor_;
   std::unique_ptr<platform::Clock> clock_;
   std::unique_ptr<platform::Log> log_;

@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <new>
+#include <optional>
 #include <vector>
 
 #include "VANEProbeExtensionProvider.h"
@@ -50,7 +52,8 @@ using platform::MediaTime;
 enum class Persistence { kDisk, kMemory };
 
 struct Relay {
-  Relay(std::size_t formatIndex, Persistence persistence) {
+  Relay(std::size_t formatIndex, Persistence persistence,
+        std::optional<std::chrono::nanoseconds> consumeWaitLimit = std::nullopt) {
     directory = std::filesystem::path(persistence == Persistence::kDisk ? "/var/tmp" : "/dev/shm") /
                 ("flowmere-bench-" + std::to_string(::getpid()));
     std::filesystem::remove_all(directory);
@@ -61,6 +64,7 @@ struct Relay {
                            ? embedded::EmbeddedOptions::Settings::kSqlite
                            : embedded::EmbeddedOptions::Settings::kMemory;
     options.logSink = [](std::string_view) {};
+    options.consumeWaitLimit = consumeWaitLimit;
     service = embedded::EmbeddedCameraService::create(options);
     provider = VANEProbeExtensionProviderSource::create(service, nullptr);
     service->startService(provider->platformProvider());
@@ -160,11 +164,15 @@ void BM_CopyingRelay(benchmark::State& state) {
 }
 
 // One consume request on the embedded service, from the request to its answer on the platform
-// queue: the poll the sink makes every 2 ms while no frame waits (range 0), or one that takes a
-// pushed frame (range 1).
+// queue: the poll the sink makes every 2 ms while no frame waits (range 0), one that takes a
+// pushed frame (range 1), or one that waits on an empty queue until a push answers it, as in
+// real time (range 2).
 void BM_ConsumeRequest(benchmark::State& state) {
-  const bool withFrame = state.range(0) != 0;
-  Relay relay(0, Persistence::kMemory);
+  const bool withFrame = state.range(0) == 1;
+  const bool waits = state.range(0) == 2;
+  Relay relay(
+      0, Persistence::kMemory,
+      waits ? std::optional<std::chrono::nanoseconds>(embedded::kConsumeWaitLimit) : std::nullopt);
   auto producer = relay.service->makeClient(1, "bench producer");
   auto& stream = *relay.service->sinkStream();
   std::uint64_t answered = 0;
@@ -179,6 +187,9 @@ void BM_ConsumeRequest(benchmark::State& state) {
           answered += 1;
           benchmark::DoNotOptimize(buffer);
         });
+    if (waits) {
+      (void)stream.push(producer, relay.frames.front(), answered + 1);
+    }
     relay.service->executor()->runUntilIdle();
   };
   request();
@@ -190,7 +201,7 @@ void BM_ConsumeRequest(benchmark::State& state) {
   state.counters["allocs_per_request"] =
       static_cast<double>(allocations.load() - allocationsBefore) /
       static_cast<double>(answered - answeredBefore);
-  state.SetLabel(withFrame ? "answer with a frame" : "empty answer");
+  state.SetLabel(waits ? "waits for a push" : withFrame ? "answer with a frame" : "empty answer");
 }
 
 // Format 0: 1920x1080 BGRA; format 6: 3840x2160 10-bit 4:2:0 (HLG).
@@ -199,7 +210,7 @@ BENCHMARK(BM_Relay)
                    {static_cast<int>(Persistence::kDisk), static_cast<int>(Persistence::kMemory)}})
     ->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_CopyingRelay)->Arg(0)->Arg(6)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_ConsumeRequest)->Arg(0)->Arg(1);
+BENCHMARK(BM_ConsumeRequest)->Arg(0)->Arg(1)->Arg(2);
 
 }  // namespace
 }  // namespace flowmere

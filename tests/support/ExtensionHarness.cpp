@@ -31,6 +31,7 @@ ExtensionHarness::ExtensionHarness(HarnessOptions options) : options_(options) {
   serviceOptions.mode = options.mode;
   serviceOptions.settings = options.settings;
   serviceOptions.faults = options.faults;
+  serviceOptions.consumeWaitLimit = options.consumeWaitLimit;
   if (options.grantContainer) {
     serviceOptions.containerParent = directory_.path() / "containers";
   }

@@ -7,10 +7,12 @@
 // Threading: virtual-time harnesses are used from the test's thread only. A real-time harness
 // records from the platform and consume threads under `mutex`.
 
+#include <chrono>
 #include <filesystem>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -38,6 +40,8 @@ struct HarnessOptions {
   embedded::EmbeddedOptions::Settings settings = embedded::EmbeddedOptions::Settings::kMemory;
   bool grantContainer = true;
   embedded::EmbeddedFaults faults;
+  // How long a consume request waits for a push; none: the mode's default.
+  std::optional<std::chrono::nanoseconds> consumeWaitLimit{};
   // Start the provider at construction (false: the test calls `startExtension`).
   bool start = true;
 };

@@ -176,16 +176,21 @@ int runDemo(const DemoOptions& options) {
   std::mt19937_64 random(42);
   std::uniform_real_distribution<double> jitter(-options.jitterMilliseconds / 1000.0,
                                                 options.jitterMilliseconds / 1000.0);
-  const std::int64_t start = monotonicNanoseconds();
+  std::int64_t start = 0;  // the first frame's push
   const auto frames = static_cast<std::uint64_t>(std::llround(options.seconds * options.fps));
   std::uint64_t pushed = 0;
   std::uint64_t refused = 0;
   std::vector<double> producerPts;
   for (std::uint64_t k = 0; k < frames && !interrupted.load(); ++k) {
-    const auto due = start + static_cast<std::int64_t>(static_cast<double>(k) * 1e9 / options.fps);
-    sleepUntil(due);
+    // Drawn before its due time and pushed at it, as a camera pushes a frame when it is
+    // captured: a frame pushed late by its drawing time, which varies by milliseconds, would be
+    // held back by the relay's pacing until its time stamp's place, and the summary would count
+    // that hold as latency. The schedule starts at the first push, for the same reason.
     auto pixels = platform::PixelBuffer::create(width, height, pixelFormat);
     drawTestPattern(*pixels, k + 1);
+    if (k > 0) {
+      sleepUntil(start + static_cast<std::int64_t>(static_cast<double>(k) * 1e9 / options.fps));
+    }
     const double ptsSeconds = static_cast<double>(k) / options.fps +
                               (options.jitterMilliseconds > 0 ? jitter(random) : 0.0);
     const auto pts =
@@ -198,7 +203,11 @@ int runDemo(const DemoOptions& options) {
                                    platform::MediaTime::invalid()});
     {
       const std::scoped_lock lock(reception.mutex);
-      reception.pushTimes[identity] = monotonicNanoseconds();
+      const std::int64_t now = monotonicNanoseconds();
+      if (k == 0) {
+        start = now;
+      }
+      reception.pushTimes[identity] = now;
     }
     if (sink->push(producer, std::move(frame), k + 1)) {
       ++pushed;
