@@ -12,7 +12,9 @@ packages=(
   gstreamer1.0-pipewire gstreamer1.0-tools gstreamer1.0-plugins-base
   gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-good
   # A real browser on the camera, through the desktop's camera portal on a virtual display.
-  chromium xdg-desktop-portal xdg-desktop-portal-gtk xvfb
+  chromium firefox-esr xdg-desktop-portal xdg-desktop-portal-gtk xvfb
+  # V4L2 programs on the camera through PipeWire's V4L2 layer.
+  pipewire-v4l2 ffmpeg v4l-utils
   # The Debian package (cpack -G DEB with dpkg-shlibdeps) and its test; JSON checks in tests.
   dpkg-dev file jq
 )

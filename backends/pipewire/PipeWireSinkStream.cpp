@@ -24,7 +24,7 @@ pw_stream_flags PipeWireSinkStream::connectFlags() const {
 
 void PipeWireSinkStream::addNodeProperties(pw_properties* props) const {
   pw_properties_set(props, PW_KEY_MEDIA_CATEGORY, "Playback");
-  pw_properties_set(props, PW_KEY_MEDIA_CLASS, "Video/Sink");
+  pw_properties_set(props, PW_KEY_MEDIA_CLASS, "Video/Sink/Virtual");
   // The lowest driver priority: a producer that drives its link keeps driving it.
   pw_properties_set(props, PW_KEY_PRIORITY_DRIVER, "0");
 }

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# A real browser on the camera: headless Chromium, through the desktop's camera portal, lists
+# Real browsers on the camera, through the desktop's camera portal: headless Chromium lists
 # "Flowmere AV Camera Source" and receives the test producer's frames with getUserMedia
-# (browser-camera.html reads the frame numbers back from the pictures).
+# (browser-camera.html reads the frame numbers back from the pictures), and headless Firefox gets
+# them with a page's default request, getUserMedia({video: true}) (firefox-camera.html). Firefox
+# is checked when it is installed.
 #
 #   browser-test.sh BUILD_DIR
 #
@@ -98,6 +100,44 @@ else
   echo "FAIL: getUserMedia: ${result:-no result}"
   failures=$((failures + 1))
 fi
+end_processes "${background[-1]}"
+
+# --- Firefox: its own choice among the offered formats, which while the producer runs is the
+# producer's.
+if command -v firefox-esr >/dev/null; then
+  mkdir -p "${log}/firefox-profile"
+  cat >"${log}/firefox-profile/user.js" <<'PREFS'
+user_pref("media.webrtc.camera.allow-pipewire", true);
+user_pref("media.navigator.permission.disabled", true);
+user_pref("media.navigator.streams.fake", false);
+user_pref("devtools.console.stdout.content", true);
+user_pref("browser.shell.checkDefaultBrowser", false);
+user_pref("datareporting.policy.dataSubmissionEnabled", false);
+PREFS
+  firefox-esr --headless --no-remote --profile "${log}/firefox-profile" \
+    "file://${here}/firefox-camera.html" >"${log}/firefox.log" 2>&1 &
+  background+=("$!")
+  wait_for "grep -q 'FLOWMERE result' '${log}/firefox.log'" 60
+  label="$(grep -o 'FLOWMERE label .*' "${log}/firefox.log" | head -1)"
+  result="$(grep -o 'FLOWMERE result .*' "${log}/firefox.log" | head -1)"
+  echo "  ${label:-no label}"
+  echo "  ${result:-no result}"
+  read -r frames size first last < <(echo "${result}" |
+    sed -n 's/.*frames \([0-9]*\) size \([0-9x]*\) first \(-\?[0-9]*\) last \(-\?[0-9]*\).*/\1 \2 \3 \4/p')
+  if [[ "${label}" == *'Flowmere AV Camera Source'* ]] && [ -n "${frames:-}" ] &&
+    [ "${frames}" -ge 30 ] && [ "${size}" = "1280x720" ] && [ "${first}" -ge 0 ] &&
+    [ "${last}" -gt "${first}" ]; then
+    echo "PASS: Firefox's getUserMedia({video: true}) plays ${frames} producer frames in 3 s"
+  else
+    echo "FAIL: Firefox: ${label:-no track} ${result:-no result}"
+    grep -iE "error|FLOWMERE" "${log}/firefox.log" | tail -10
+    failures=$((failures + 1))
+  fi
+  end_processes "${background[-1]}"
+else
+  echo "SKIP: firefox-esr is not installed"
+fi
+
 if [ "${failures}" -gt 0 ]; then
   echo "--- chromium (errors)"; grep -E "ERROR|FLOWMERE" "${log}/chromium.log" | tail -20
   echo "--- extension"; tail -20 "${log}/extension.log"

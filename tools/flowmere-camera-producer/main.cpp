@@ -224,7 +224,8 @@ void onAddBuffer(void* /*data*/, pw_buffer* buffer) {
   }
 }
 
-void onQuit(void* data, int /*signal*/) {
+void onQuit(void* data, int signal) {
+  std::fprintf(stderr, "producer: stopping on %s\n", signal == SIGINT ? "SIGINT" : "SIGTERM");
   pw_main_loop_quit(static_cast<Producer*>(data)->loop);
 }
 
