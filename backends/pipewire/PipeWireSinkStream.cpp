@@ -78,6 +78,7 @@ void PipeWireSinkStream::handleProcessRequest() {
 }
 
 void PipeWireSinkStream::streamingChanged(bool streaming) {
+  freshStart_ = streaming;
   if (!streaming) {
     answerPending(nullptr, 0);
   }
@@ -150,17 +151,30 @@ void PipeWireSinkStream::answerPending(std::shared_ptr<platform::SampleBuffer> s
 
 std::shared_ptr<platform::SampleBuffer> PipeWireSinkStream::takeFrame(
     std::uint64_t& sequenceNumber) {
-  // Malformed buffers (too small for the format) go straight back to the producer.
+  std::shared_ptr<platform::SampleBuffer> sample;
+  // Malformed buffers (too small for the format) go straight back to the producer. At a fresh
+  // start the frames that queued up before the relay asked for one are given back too, all but
+  // the newest: the relay paces every later frame by the first one's arrival, and starting
+  // from a frame that waited would hold every later frame as long.
   while (pw_buffer* buffer = pw_stream_dequeue_buffer(stream_)) {
     BufferSlot* slot = slotFor(buffer);
-    std::shared_ptr<platform::SampleBuffer> sample =
-        slot ? wrapFrame(buffer, *slot, sequenceNumber) : nullptr;
-    if (sample) {
-      return sample;
+    std::uint64_t number = 0;
+    std::shared_ptr<platform::SampleBuffer> candidate =
+        slot ? wrapFrame(buffer, *slot, number) : nullptr;
+    if (!candidate) {
+      pw_stream_queue_buffer(stream_, buffer);
+      continue;
     }
-    pw_stream_queue_buffer(stream_, buffer);
+    sample = std::move(candidate);  // an older one goes back through its release
+    sequenceNumber = number;
+    if (!freshStart_) {
+      break;
+    }
   }
-  return nullptr;
+  if (sample) {
+    freshStart_ = false;
+  }
+  return sample;
 }
 
 std::shared_ptr<platform::SampleBuffer> PipeWireSinkStream::wrapFrame(

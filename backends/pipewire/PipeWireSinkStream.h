@@ -71,6 +71,9 @@ class PipeWireSinkStream final : public PipeWireStream {
   void ensureTimers() REQUIRES(loopLock_);
 
   std::optional<platform::ConsumeCompletion> pending_ GUARDED_BY(loopLock_);
+  // No frame has been handed over since the producer's link started streaming: frames queued
+  // before the first request are stale, and only the newest of them is handed over.
+  bool freshStart_ GUARDED_BY(loopLock_) = false;
   // Slots whose buffers the relay holds (dequeued and not yet given back).
   std::vector<std::shared_ptr<BufferSlot>> held_ GUARDED_BY(loopLock_);
   spa_source* waitTimer_ GUARDED_BY(loopLock_) = nullptr;

@@ -153,7 +153,10 @@ void onProcess(void* data) {
   ++producer.frame;
   producer.nextDue += producer.period;
   if (now - producer.nextDue > 4 * producer.period) {
-    producer.nextDue = now + producer.period;  // stalled for a while: start a fresh schedule
+    // Stalled for a while: a fresh schedule from now. Its first frame is due at once and
+    // stamped with the time it is made; stamping it a period ahead would make the camera, which
+    // spaces frames by their time stamps, hold every later frame for that period.
+    producer.nextDue = now;
   }
 }
 
