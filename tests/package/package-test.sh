@@ -22,27 +22,7 @@ done
 
 # shellcheck source=../pipewire/session.sh
 source "${here}/../pipewire/session.sh"
-failures=0
-work="$(mktemp -d /tmp/flowmere-package-test.XXXXXX)"
-background=()
-SESSION_PIDS=()
-
-cleanup() {
-  end_processes "${background[@]}"
-  [ "${#SESSION_PIDS[@]}" -gt 0 ] && session_stop
-  if [ "${FLOWMERE_TEST_KEEP:-0}" = 1 ]; then
-    echo "kept ${work}"
-  else
-    rm -rf "${work}"
-  fi
-}
-trap cleanup EXIT
-
-pass() { echo "PASS: $*"; }
-fail() {
-  echo "FAIL: $*"
-  failures=$((failures + 1))
-}
+test_begin flowmere-package-test
 
 # --- 1. CPack builds the package under its Debian name.
 arch="$(dpkg --print-architecture)"

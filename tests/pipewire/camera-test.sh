@@ -22,27 +22,7 @@ done
 
 # shellcheck source=session.sh
 source "${here}/session.sh"
-failures=0
-work="$(mktemp -d /tmp/flowmere-camera-test.XXXXXX)"
-background=()
-
-# FLOWMERE_TEST_KEEP=1 keeps the logs and captures for a look after a failure.
-cleanup() {
-  end_processes "${background[@]}"
-  session_stop
-  if [ "${FLOWMERE_TEST_KEEP:-0}" = 1 ]; then
-    echo "kept ${work}"
-  else
-    rm -rf "${work}"
-  fi
-}
-trap cleanup EXIT
-
-pass() { echo "PASS: $*"; }
-fail() {
-  echo "FAIL: $*"
-  failures=$((failures + 1))
-}
+test_begin flowmere-camera-test
 
 # Starts the producer in the background with the arguments after $1, and waits until the camera
 # offers its format ($1, as the log names it: "1920x1080 BGRA") first. A client that links while

@@ -24,26 +24,7 @@ done
 
 # shellcheck source=session.sh
 source "${here}/session.sh"
-failures=0
-work="$(mktemp -d /tmp/flowmere-clients-test.XXXXXX)"
-background=()
-
-cleanup() {
-  end_processes "${background[@]}"
-  session_stop
-  if [ "${FLOWMERE_TEST_KEEP:-0}" = 1 ]; then
-    echo "kept ${work}"
-  else
-    rm -rf "${work}"
-  fi
-}
-trap cleanup EXIT
-
-pass() { echo "PASS: $*"; }
-fail() {
-  echo "FAIL: $*"
-  failures=$((failures + 1))
-}
+test_begin flowmere-clients-test
 
 # Fields of a receiver's summary ("received N frames in S s (F fps): numbers A..B, M missing,
 # R repeated, O out of order, U unreadable") in file $1: prints "N F M R O U".

@@ -23,26 +23,7 @@ done
 
 # shellcheck source=session.sh
 source "${here}/session.sh"
-failures=0
-work="$(mktemp -d /tmp/flowmere-realtime-test.XXXXXX)"
-background=()
-
-cleanup() {
-  end_processes "${background[@]}"
-  session_stop
-  if [ "${FLOWMERE_TEST_KEEP:-0}" = 1 ]; then
-    echo "kept ${work}"
-  else
-    rm -rf "${work}"
-  fi
-}
-trap cleanup EXIT
-
-pass() { echo "PASS: $*"; }
-fail() {
-  echo "FAIL: $*"
-  failures=$((failures + 1))
-}
+test_begin flowmere-realtime-test
 
 # The frame rate in a receiver's summary line ("received N frames in S s (F fps): ...").
 rate_of() { sed -n 's/.*(\([0-9.]*\) fps).*/\1/p' "$1"; }

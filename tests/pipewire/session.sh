@@ -34,6 +34,32 @@ end_processes() {
   kill -KILL "$@" 2>/dev/null || true
 }
 
+# Sets up a test script: a work directory in $work (named after $1; kept with
+# FLOWMERE_TEST_KEEP=1 for a look after a failure), the processes in $background that are ended
+# at exit, the failure count in $failures with pass/fail to report, and an EXIT trap that ends
+# the processes and stops the session if one was started.
+test_begin() {
+  failures=0
+  work="$(mktemp -d "/tmp/$1.XXXXXX")"
+  background=()
+  SESSION_PIDS=()
+  trap test_end EXIT
+}
+test_end() {
+  end_processes "${background[@]}"
+  [ "${#SESSION_PIDS[@]}" -gt 0 ] && session_stop
+  if [ "${FLOWMERE_TEST_KEEP:-0}" = 1 ]; then
+    echo "kept ${work}"
+  else
+    rm -rf "${work}"
+  fi
+}
+pass() { echo "PASS: $*"; }
+fail() {
+  echo "FAIL: $*"
+  failures=$((failures + 1))
+}
+
 session_start() {
   SESSION_DIR="$(mktemp -d /tmp/flowmere-pw.XXXXXX)"
   chmod 0700 "${SESSION_DIR}"

@@ -22,27 +22,7 @@ done
 
 # shellcheck source=session.sh
 source "${here}/session.sh"
-failures=0
-work="$(mktemp -d /tmp/flowmere-status-test.XXXXXX)"
-background=()
-SESSION_PIDS=()
-
-cleanup() {
-  end_processes "${background[@]}"
-  [ "${#SESSION_PIDS[@]}" -gt 0 ] && session_stop
-  if [ "${FLOWMERE_TEST_KEEP:-0}" = 1 ]; then
-    echo "kept ${work}"
-  else
-    rm -rf "${work}"
-  fi
-}
-trap cleanup EXIT
-
-pass() { echo "PASS: $*"; }
-fail() {
-  echo "FAIL: $*"
-  failures=$((failures + 1))
-}
+test_begin flowmere-status-test
 
 # Runs the status tool with the given options; its output lands in ${work}/status.out and its
 # exit status in ${status_exit}.
