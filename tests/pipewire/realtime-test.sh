@@ -79,8 +79,8 @@ for order in producer-first client-first; do
 done
 
 # --- 2. 1080p at 30 fps: while frames flow the sink never reports waiting, and the status the
-# extension records is the frame count.
-lines_before="$(wc -l <"${work}/extension.log")"
+# extension records is the frame count. Only lines after this producer's sink start count: the
+# previous producer's stop may still be logging its last (empty) request.
 "${producer}" --size 1920x1080 --format bgra --fps 30 --seconds 30 \
   >"${work}/flow-producer.out" 2>"${work}/flow-producer.err" &
 flow_pid=$!
@@ -91,15 +91,19 @@ wait_for "grep -q 'producer: streaming' '${work}/flow-producer.err'" 10
 # be the latest status for up to a second.
 wait_for "grep -q '^received ' '${FLOWMERE_STATE}/bridge_extension_status'" 3
 status="$(cat "${FLOWMERE_STATE}/bridge_extension_status" 2>/dev/null)"
-waiting="$(tail -n +"$((lines_before + 1))" "${work}/extension.log" | grep -c 'sink waiting')"
+start_line="$(grep -n 'sink startStream started=true' "${work}/extension.log" | tail -1 | cut -d: -f1)"
+waiting="$(tail -n +"${start_line:-1}" "${work}/extension.log" | grep -c 'sink waiting')"
 if [ "${waiting}" -eq 0 ] && [[ "${status}" == received\ * ]]; then
   pass "frames flowing: no waiting line, status \"${status}\""
 else
   fail "frames flowing: ${waiting} waiting lines, status \"${status}\""
 fi
+stops="$(grep -c 'sink stopStream' "${work}/extension.log")"
 kill "${flow_pid}" 2>/dev/null
 wait "${flow_pid}" 2>/dev/null
-wait_for "! pw-cli ls Node | grep -q '\"flowmere-camera-producer\"'" 5
+# The next check reads the log from here on: the stop of this producer must be logged first.
+wait_for "[ \$(grep -c 'sink stopStream' '${work}/extension.log') -gt ${stops} ]" 5
+wait_for "grep -q '^sink stopped$' <(tail -1 '${work}/extension.log')" 2
 
 # --- 3. A producer that stalls for 1.2 s while linked: the sink reports waiting during the
 # stall, and the relay resumes after it.
