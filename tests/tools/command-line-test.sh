@@ -50,10 +50,10 @@ refuse_extra() {
 }
 
 declare -A checked=()
-for spec in "$@"; do
-  program="${spec%%:*}"
+for entry in "$@"; do
+  program="${entry%%:*}"
   extra=""
-  [ "${spec}" != "${program}" ] && extra="${spec#*:}"
+  [ "${entry}" != "${program}" ] && extra="${entry#*:}"
   refuse_extra "${program}" "${extra}"
   [ -n "${checked[${program}]:-}" ] && continue
   checked[${program}]=1

@@ -155,5 +155,5 @@ int main(int argc, char** argv) {
     return demoMode(args);
   }
   return badUsage(args[0].rfind("--", 0) == 0 ? "unknown option '" + std::string(args[0]) + "'"
-                                             : "unknown mode '" + std::string(args[0]) + "'");
+                                              : "unknown mode '" + std::string(args[0]) + "'");
 }
