@@ -31,7 +31,11 @@ bool PipeWireLoop::start(const std::string& remoteName) {
     return false;
   }
   const LoopLocker lock(lock_);
-  context_ = pw_context_new(loop(), nullptr, 0);
+  // No mlock of link buffers: it would fault in every page of a client's new buffers (265 MB
+  // for eight 4K frames) on this loop's thread with its lock held, stalling the relay for as
+  // long. Video frames gain nothing from locked memory; without the privilege to lock that
+  // much, PipeWire skips it anyway.
+  context_ = pw_context_new(loop(), pw_properties_new("mem.allow-mlock", "false", nullptr), 0);
   if (!context_) {
     std::fprintf(stderr, "[pipewire] could not create a PipeWire context\n");
     return false;

@@ -195,9 +195,17 @@ void PipeWireStream::onAddBuffer(void* data, pw_buffer* buffer) {
   auto* self = static_cast<PipeWireStream*>(data);
   self->loopLock_.assertHeld();
   self->slots_.push_back(std::make_shared<BufferSlot>(buffer));
-  // Fault the new mapping's pages in now, while the link is set up, rather than in the first
-  // frames: the consume loop paces every later frame by the first one's arrival, so a first
-  // frame slowed by page faults would add its delay to every frame after it.
+  if (!self->isSink()) {
+    // A client's new buffers are faulted in by the first copies into them, outside the loop
+    // lock. Touching them here would allocate every page of every buffer (8 x 33 MB at 4K,
+    // about 18 ms a buffer) while the lock is held, and the relay's next delivery would wait
+    // that long: a stall the consume loop's pacing would keep as latency afterwards.
+    return;
+  }
+  // The producer writes its buffers, so their pages normally exist and mapping them costs
+  // little. Mapping them now, while the link is set up, keeps the first frames free of page
+  // faults: the consume loop paces every later frame by the first one's arrival, so a first
+  // frame slowed by faults would add its delay to every frame after it.
   for (std::uint32_t index = 0; index < buffer->buffer->n_datas; ++index) {
     const spa_data& block = buffer->buffer->datas[index];
     if (auto* bytes = static_cast<volatile std::uint8_t*>(block.data)) {

@@ -74,7 +74,8 @@ struct Producer {
   spa_hook listener{};
   std::int64_t period = 0;
   std::int64_t nextDue = 0;
-  std::uint64_t frame = 0;
+  std::uint64_t frame = 0;    // frames queued so far; also the next frame's number
+  std::uint64_t skipped = 0;  // frame times that passed with no frame sent
   std::int64_t firstPush = 0;
   std::ifstream file;
   std::vector<char> fileFrame;
@@ -117,6 +118,13 @@ void onProcess(void* data) {
   if (now < producer.nextDue) {
     return;
   }
+  // A live source never sends a frame late: the frames whose time passed without a cycle (or
+  // during a pause) are skipped, so every time stamp stays within a period of the clock. A late
+  // frame stamped with its old time would make the camera, which spaces frames by their time
+  // stamps, hold every later frame by as much.
+  const std::int64_t missed = (now - producer.nextDue) / producer.period;
+  producer.nextDue += missed * producer.period;
+  producer.skipped += static_cast<std::uint64_t>(missed);
   if (producer.options.pauseSeconds > 0 && producer.frame > 0) {
     const double sinceFirst = static_cast<double>(now - producer.firstPush) / 1e9;
     if (sinceFirst >= producer.options.pauseAt &&
@@ -126,6 +134,10 @@ void onProcess(void* data) {
   }
   pw_buffer* buffer = pw_stream_dequeue_buffer(producer.stream);
   if (!buffer) {
+    // Every buffer is still with the camera: this frame is skipped, as a camera drops a frame
+    // it has nowhere to put.
+    producer.nextDue += producer.period;
+    ++producer.skipped;
     return;
   }
   spa_data& block = buffer->buffer->datas[0];
@@ -152,12 +164,6 @@ void onProcess(void* data) {
   }
   ++producer.frame;
   producer.nextDue += producer.period;
-  if (now - producer.nextDue > 4 * producer.period) {
-    // Stalled for a while: a fresh schedule from now. Its first frame is due at once and
-    // stamped with the time it is made; stamping it a period ahead would make the camera, which
-    // spaces frames by their time stamps, hold every later frame for that period.
-    producer.nextDue = now;
-  }
 }
 
 // The frame timer: one graph cycle per frame period, each of which queues one frame (see
@@ -183,10 +189,15 @@ void onStateChanged(void* data, pw_stream_state /*old*/, pw_stream_state state, 
   producer.streaming = state == PW_STREAM_STATE_STREAMING;
   pw_loop* loop = pw_main_loop_get_loop(producer.loop);
   if (producer.streaming) {
-    timespec first{0, 1};  // at once, then every period
+    // The schedule is the timer's own: it fires at the first frame's time and every period
+    // after, never early, so each tick finds its frame due.
+    const std::int64_t start = monotonicNanoseconds();
+    producer.nextDue = start;
+    timespec first{static_cast<time_t>(start / 1'000'000'000),
+                   static_cast<long>(start % 1'000'000'000)};
     timespec interval{static_cast<time_t>(producer.period / 1'000'000'000),
                       static_cast<long>(producer.period % 1'000'000'000)};
-    pw_loop_update_timer(loop, producer.frameTimer, &first, &interval, false);
+    pw_loop_update_timer(loop, producer.frameTimer, &first, &interval, true);
   } else {
     pw_loop_update_timer(loop, producer.frameTimer, nullptr, nullptr, false);
   }
@@ -450,9 +461,10 @@ int main(int argc, char** argv) {
   const double elapsed =
       producer.frame > 0 ? static_cast<double>(monotonicNanoseconds() - producer.firstPush) / 1e9
                          : 0.0;
-  std::printf("pushed %llu frames in %.2f s (%.2f fps)\n",
+  std::printf("pushed %llu frames in %.2f s (%.2f fps), skipped %llu\n",
               static_cast<unsigned long long>(producer.frame), elapsed,
-              elapsed > 0 ? static_cast<double>(producer.frame) / elapsed : 0.0);
+              elapsed > 0 ? static_cast<double>(producer.frame) / elapsed : 0.0,
+              static_cast<unsigned long long>(producer.skipped));
   pw_stream_destroy(producer.stream);
   pw_main_loop_destroy(producer.loop);
   pw_deinit();
