@@ -181,6 +181,13 @@ int runExtension(const std::shared_ptr<platform::Platform>& platform) {
   }
   platform->startService(providerSource->platformProvider());
   platform->runMainRunLoop();
+  // The run loop returned: the process is ending, and the platform has stopped the streams.
+  // The object tree goes here, on this thread, while the platform its streams refer to is
+  // still there, rather than in the static destructors after it.
+  {
+    const std::scoped_lock lock(providerMutex);
+    providerSourceReference.reset();
+  }
   return 0;
 }
 

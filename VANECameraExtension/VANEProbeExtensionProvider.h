@@ -102,11 +102,13 @@ class VANEProbeExtensionProviderSource final
 };
 
 // The process entry on a given platform: builds the provider source, keeps it in the
-// process-wide reference, starts the service and runs the main run loop. Returns 0 if the run
-// loop ever returns. Main thread.
+// process-wide reference, starts the service and runs the main run loop. If the run loop ever
+// returns (the process is ending), releases the provider source and with it the whole object
+// tree, then returns 0. Main thread.
 int runExtension(const std::shared_ptr<platform::Platform>& platform);
 
-// The process-wide reference to the provider source (null before `runExtension`).
+// The process-wide reference to the provider source (null before `runExtension` and after it
+// returns).
 std::shared_ptr<VANEProbeExtensionProviderSource> sharedProviderSource();
 
 }  // namespace flowmere

@@ -60,8 +60,9 @@ PipeWireCameraService::PipeWireCameraService(PipeWireOptions options)
     LoopCallbacks callbacks;
     callbacks.log = [this](std::string_view line) { writeLog(line); };
     callbacks.peersChanged = [this](PipeWireLoop& loop) { peersChanged(loop); };
-    // The PipeWire daemon went away: nothing more can be published.
-    callbacks.disconnected = [this] { shutdown(); };
+    // The PipeWire daemon went away: nothing more can be published. The service stops and
+    // says so in its exit status; the service manager starts it again with PipeWire.
+    callbacks.disconnected = [this] { shutdown(ShutdownReason::kPipeWireLost); };
     slot = std::make_shared<PipeWireLoop>(name, std::move(callbacks));
   };
   makeLoop("flowmere-sink", sinkLoop_);
@@ -69,7 +70,7 @@ PipeWireCameraService::PipeWireCameraService(PipeWireOptions options)
 }
 
 PipeWireCameraService::~PipeWireCameraService() {
-  disconnectNodes();
+  stopNodes();
   sinkLoop_->stop();
   sourceLoop_->stop();
   platformQueue_.reset();
@@ -184,14 +185,19 @@ void PipeWireCameraService::runMainRunLoop() {
     std::unique_lock lock(runLoopMutex_);
     runLoopWake_.wait(lock, [this] { return shutdownRequested_; });
   }
-  disconnectNodes();
+  // The shutdown order: the started streams are stopped as if their peers had left (the
+  // extension writes "sink stopped" and "source stopped"), the nodes go, and the platform queue
+  // runs everything posted until then, the stops among it. The extension's object tree is
+  // released by the caller after this returns, and the loops only when the service goes.
+  stopNodes();
+  drainPlatformQueue();
   const std::scoped_lock lock(suitesMutex_);
   for (const auto& [path, suite] : suites_) {
     suite->flush();
   }
 }
 
-void PipeWireCameraService::disconnectNodes() {
+void PipeWireCameraService::stopNodes() {
   std::vector<std::shared_ptr<PipeWireStream>> streams;
   {
     const std::scoped_lock lock(publishedMutex_);
@@ -199,16 +205,43 @@ void PipeWireCameraService::disconnectNodes() {
   }
   for (const auto& stream : streams) {
     const LoopLocker lock(stream->loop().lock());
-    stream->destroyNode();
+    stream->stopNode();
   }
 }
 
-void PipeWireCameraService::shutdown() {
+void PipeWireCameraService::drainPlatformQueue() {
+  std::mutex mutex;
+  std::condition_variable drained;
+  bool done = false;
+  platformQueue_->async([&] {
+    {
+      const std::scoped_lock lock(mutex);
+      done = true;
+    }
+    drained.notify_all();
+  });
+  std::unique_lock lock(mutex);
+  drained.wait(lock, [&] { return done; });
+}
+
+void PipeWireCameraService::shutdown(ShutdownReason reason) {
   {
     const std::scoped_lock lock(runLoopMutex_);
+    if (shutdownRequested_) {
+      return;  // both loops see PipeWire go; the first reason holds
+    }
     shutdownRequested_ = true;
+    shutdownReason_ = reason;
+  }
+  if (reason == ShutdownReason::kPipeWireLost) {
+    writeLog("[pipewire] PipeWire went away: stopping");
   }
   runLoopWake_.notify_all();
+}
+
+int PipeWireCameraService::exitStatus() const {
+  const std::scoped_lock lock(runLoopMutex_);
+  return shutdownReason_ == ShutdownReason::kPipeWireLost ? kExitPipeWireLost : 0;
 }
 
 std::shared_ptr<platform::SerialQueue> PipeWireCameraService::createSerialQueue(

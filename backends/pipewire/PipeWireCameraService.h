@@ -84,8 +84,17 @@ class PipeWireCameraService final : public platform::Platform {
   const platform::Clock& clock() override;
   platform::Log& log() override;
 
-  // Makes `runMainRunLoop` return; the nodes are disconnected and the settings stored first.
-  void shutdown();
+  enum class ShutdownReason { kRequested, kPipeWireLost };
+  // The exit status after PipeWire went away: the service cannot go on, and a service manager
+  // that restarts failed services starts it again (EX_UNAVAILABLE).
+  static constexpr int kExitPipeWireLost = 69;
+
+  // Makes `runMainRunLoop` return: the started streams are stopped, the nodes removed, the
+  // platform queue drained and the settings stored first. Any thread; the first reason holds.
+  void shutdown(ShutdownReason reason = ShutdownReason::kRequested);
+  // After `runMainRunLoop`: 0 after a requested shutdown, kExitPipeWireLost when PipeWire went
+  // away.
+  [[nodiscard]] int exitStatus() const;
 
   // For the streams. Any thread.
   [[nodiscard]] const PipeWireOptions& options() const { return options_; }
@@ -100,7 +109,9 @@ class PipeWireCameraService final : public platform::Platform {
   class ServiceLog;
 
   bool connect();
-  void disconnectNodes();
+  void stopNodes();
+  // Waits until the platform queue has run everything posted before this call.
+  void drainPlatformQueue();
   // Loop thread of `loop`: tells that loop's streams that their peers changed.
   void peersChanged(PipeWireLoop& loop);
 
@@ -121,9 +132,10 @@ class PipeWireCameraService final : public platform::Platform {
   std::mutex suitesMutex_;
   std::map<std::filesystem::path, std::shared_ptr<common::SqliteSettingsSuite>> suites_;
 
-  std::mutex runLoopMutex_;
+  mutable std::mutex runLoopMutex_;
   std::condition_variable runLoopWake_;
-  bool shutdownRequested_ = false;  // guarded by runLoopMutex_
+  bool shutdownRequested_ = false;                              // guarded by runLoopMutex_
+  ShutdownReason shutdownReason_ = ShutdownReason::kRequested;  // guarded by runLoopMutex_
 };
 
 }  // namespace flowmere::pipewire

@@ -154,6 +154,14 @@ bool PipeWireStream::connectNode(const std::map<std::string, std::string>& ident
   return true;
 }
 
+void PipeWireStream::stopNode() {
+  loopLock_.assertHeld();
+  if (started_) {
+    endStreaming();
+  }
+  destroyNode();
+}
+
 void PipeWireStream::destroyNode() {
   loopLock_.assertHeld();
   // Whoever still reads or writes one of the node's buffers finishes first; nobody starts again.
@@ -276,24 +284,28 @@ void PipeWireStream::handleStateChanged(pw_stream_state old, pw_stream_state sta
       postStart(nullptr);
     }
   } else if (!streaming && started_) {
-    started_ = false;
-    waitingForPeer_ = false;
-    // A request still waiting is answered before the stop, so that the stop's status is the
-    // last one the sink writes.
-    streamingChanged(false);
-    postToPlatform([weak = weak_from_this()] {
-      auto self = weak.lock();
-      auto source = self ? self->source_.lock() : nullptr;
-      if (source) {
-        (void)source->stopStream();
-      }
-    });
-    updateStreamingClients();
+    endStreaming();
     return;
   }
   if (streaming) {
     streamingChanged(true);
   }
+}
+
+void PipeWireStream::endStreaming() {
+  started_ = false;
+  waitingForPeer_ = false;
+  // A request still waiting is answered before the stop, so that the stop's status is the
+  // last one the sink writes.
+  streamingChanged(false);
+  postToPlatform([weak = weak_from_this()] {
+    auto self = weak.lock();
+    auto source = self ? self->source_.lock() : nullptr;
+    if (source) {
+      (void)source->stopStream();
+    }
+  });
+  updateStreamingClients();
 }
 
 void PipeWireStream::postStart(std::shared_ptr<const platform::Client> standIn) {

@@ -71,6 +71,9 @@ class PipeWireStream : public platform::Stream,
   bool connectNode(const std::map<std::string, std::string>& identity);
   // Loop lock: takes every buffer back, then disconnects and destroys the node.
   void destroyNode();
+  // Loop lock: at shutdown. A started stream is stopped first, as when its last peer leaves
+  // (the extension's stop is posted to the platform queue), then the node is destroyed.
+  void stopNode();
   // Loop thread: the loop's peer directory saw links or clients change.
   void peersChanged();
 
@@ -136,6 +139,9 @@ class PipeWireStream : public platform::Stream,
   void updateStreamingClients() REQUIRES(loopLock_);
   // Authorises the streaming clients (or `standIn` when there are none) and starts the stream.
   void postStart(std::shared_ptr<const platform::Client> standIn) REQUIRES(loopLock_);
+  // The node stopped streaming, or is being stopped: answers what waits and posts the
+  // extension's stop.
+  void endStreaming() REQUIRES(loopLock_);
 
   const std::string localizedName_;
   const platform::Uuid streamID_;

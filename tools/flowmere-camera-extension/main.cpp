@@ -2,12 +2,15 @@
 //
 // Takes no arguments and reads no configuration: everything it needs comes from the session
 // (the PipeWire socket, the data directory). Logs go to standard error, which a service manager
-// hands to the journal. SIGTERM or SIGINT end it cleanly: the nodes are removed and the settings
-// store is written out before the process exits.
+// hands to the journal. SIGTERM or SIGINT end it cleanly: the streams are stopped, the nodes
+// removed and the settings store written out before the process exits with status 0. When
+// PipeWire goes away it stops the same way and exits with status 69, so that a service manager
+// starts it again with PipeWire.
 
 #include <pthread.h>
 #include <signal.h>
 
+#include <atomic>
 #include <cstdio>
 #include <memory>
 #include <thread>
@@ -33,15 +36,29 @@ int main(int argc, char** /*argv*/) {
     std::fputs("flowmere-camera-extension: PipeWire is not available\n", stderr);
     return 1;
   }
-  std::thread waiter([signals, weak = std::weak_ptr(service)] {
+  std::atomic<bool> ending{false};
+  std::thread waiter([signals, &ending, weak = std::weak_ptr(service)] {
     int received = 0;
     sigwait(&signals, &received);
+    if (ending) {
+      return;  // woken by main below
+    }
     if (auto strong = weak.lock()) {
       strong->writeLog(received == SIGTERM ? "[pipewire] SIGTERM: stopping"
                                            : "[pipewire] SIGINT: stopping");
       strong->shutdown();
     }
   });
-  waiter.detach();
-  return flowmere::runExtension(service);
+
+  // Returns after a signal or when PipeWire went away, with the streams stopped and the
+  // extension's object tree released.
+  const int status = flowmere::runExtension(service);
+  // The stop order from here: the signal thread ends (woken if no signal came), then the
+  // service with its loops and queues, all on this thread and before static destruction.
+  ending = true;
+  pthread_kill(waiter.native_handle(), SIGTERM);
+  waiter.join();
+  const int serviceStatus = service->exitStatus();
+  service.reset();
+  return status != 0 ? status : serviceStatus;
 }
