@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <random>
 
+#include "common/LineLog.h"
 #include "common/PosixFileManager.h"
 #include "common/SqliteSettingsSuite.h"
 
@@ -88,24 +89,6 @@ class EmbeddedFileManager final : public platform::FileManager {
   common::PosixFileManager posix_;
   const std::optional<std::filesystem::path> containerDirectory_;
   std::atomic<bool> failWrites_;
-};
-
-// Writes the log lines to the owner's sink, or to stderr. Any thread; `mutex_` keeps lines whole.
-class EmbeddedCameraService::ServiceLog final : public platform::Log {
- public:
-  explicit ServiceLog(std::function<void(std::string_view)> sink) : sink_(std::move(sink)) {}
-  void write(std::string_view message) override {
-    const std::scoped_lock lock(mutex_);
-    if (sink_) {
-      sink_(message);
-    } else {
-      std::fprintf(stderr, "%.*s\n", static_cast<int>(message.size()), message.data());
-    }
-  }
-
- private:
-  std::mutex mutex_;
-  const std::function<void(std::string_view)> sink_;
 };
 
 // One settings store per suite, shared by every handle the service gives out for it, so that two
@@ -284,7 +267,7 @@ EmbeddedCameraService::EmbeddedCameraService(EmbeddedOptions options)
       consumeWaitLimit_(options_.consumeWaitLimit.value_or(
           options_.mode == TimeMode::kReal ? std::chrono::nanoseconds(kConsumeWaitLimit)
                                            : std::chrono::nanoseconds(0))) {
-  log_ = std::make_unique<ServiceLog>(options_.logSink);
+  log_ = std::make_unique<common::LineLog>(options_.logSink);
   fileManager_ = std::make_unique<EmbeddedFileManager>(
       *this, options_.containerParent, options_.containerDirectory, options_.temporaryDirectory,
       options_.faults.failFileWrites);

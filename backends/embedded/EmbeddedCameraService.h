@@ -236,7 +236,6 @@ class EmbeddedCameraService final : public platform::Platform,
   void writeLog(std::string_view line);
 
  private:
-  class ServiceLog;
   class SharedSettingsStore;
 
   const EmbeddedOptions options_;

@@ -5,22 +5,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "SpaDict.h"
+
 namespace flowmere::pipewire {
 
 namespace {
-
-std::optional<std::uint32_t> numberProperty(const spa_dict* props, const char* key) {
-  const char* text = props ? spa_dict_lookup(props, key) : nullptr;
-  if (!text || !*text) {
-    return std::nullopt;
-  }
-  char* end = nullptr;
-  const unsigned long value = std::strtoul(text, &end, 10);
-  if (*end != '\0') {
-    return std::nullopt;
-  }
-  return static_cast<std::uint32_t>(value);
-}
 
 // A stable identifier per PipeWire client id within this process's lifetime.
 platform::Uuid uuidForClient(std::uint32_t id) {

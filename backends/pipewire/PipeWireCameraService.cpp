@@ -4,6 +4,7 @@
 
 #include "PipeWireSinkStream.h"
 #include "PipeWireSourceStream.h"
+#include "common/LineLog.h"
 #include "common/PosixFileManager.h"
 #include "common/SqliteSettingsSuite.h"
 #include "embedded/EmbeddedQueues.h"
@@ -19,25 +20,6 @@ constexpr const char* kTemporaryDirectory = "/tmp";
 
 }  // namespace
 
-// Writes log lines to the owner's sink, or to standard error. Any thread; `mutex_` keeps lines
-// whole.
-class PipeWireCameraService::ServiceLog final : public platform::Log {
- public:
-  explicit ServiceLog(std::function<void(std::string_view)> sink) : sink_(std::move(sink)) {}
-  void write(std::string_view message) override {
-    const std::scoped_lock lock(mutex_);
-    if (sink_) {
-      sink_(message);
-    } else {
-      std::fprintf(stderr, "%.*s\n", static_cast<int>(message.size()), message.data());
-    }
-  }
-
- private:
-  std::mutex mutex_;
-  const std::function<void(std::string_view)> sink_;
-};
-
 std::shared_ptr<PipeWireCameraService> PipeWireCameraService::create(PipeWireOptions options) {
   auto service = std::make_shared<PipeWireCameraService>(std::move(options));
   if (!service->connect()) {
@@ -49,7 +31,7 @@ std::shared_ptr<PipeWireCameraService> PipeWireCameraService::create(PipeWireOpt
 PipeWireCameraService::PipeWireCameraService(PipeWireOptions options)
     : options_(std::move(options)) {
   pw_init(nullptr, nullptr);
-  log_ = std::make_unique<ServiceLog>(options_.logSink);
+  log_ = std::make_unique<common::LineLog>(options_.logSink);
   clock_ = std::make_unique<embedded::MonotonicClock>();
   fileManager_ = std::make_unique<common::PosixFileManager>(
       options_.containerParent ? options_.containerParent

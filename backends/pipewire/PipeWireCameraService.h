@@ -32,6 +32,7 @@
 #include "platform/Platform.h"
 
 namespace flowmere::common {
+class LineLog;
 class PosixFileManager;
 class SqliteSettingsSuite;
 }  // namespace flowmere::common
@@ -106,8 +107,6 @@ class PipeWireCameraService final : public platform::Platform {
   void producerFormatChanged(std::optional<std::int64_t> index);
 
  private:
-  class ServiceLog;
-
   bool connect();
   void stopNodes();
   // Waits until the platform queue has run everything posted before this call.
@@ -116,7 +115,7 @@ class PipeWireCameraService final : public platform::Platform {
   void peersChanged(PipeWireLoop& loop);
 
   PipeWireOptions options_;
-  std::unique_ptr<ServiceLog> log_;
+  std::unique_ptr<common::LineLog> log_;
   std::shared_ptr<PipeWireLoop> sinkLoop_;
   std::shared_ptr<PipeWireLoop> sourceLoop_;
   std::shared_ptr<PipeWireProvider> provider_;  // main thread

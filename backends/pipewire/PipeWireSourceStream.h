@@ -28,7 +28,7 @@ class PipeWireSourceStream final : public PipeWireStream {
   // Buffers for each client's link: up to 8, so that a client that stalls for a moment (its
   // first frame sets up its own pipeline) does not make the relay drop frames, within about
   // 100 MB per link; at least 4 (one being filled, one in flight, one being read, one spare).
-  static constexpr std::size_t kLinkBufferBudget = 100 * 1024 * 1024;
+  static constexpr std::size_t kLinkBufferBudget = std::size_t{100} * 1024 * 1024;
   static constexpr int kMinimumBuffers = 4;
   static constexpr int kMaximumBuffers = 8;
 

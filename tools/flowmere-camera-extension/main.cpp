@@ -29,6 +29,7 @@ int main(int argc, char** /*argv*/) {
   sigemptyset(&signals);
   sigaddset(&signals, SIGTERM);
   sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGUSR1);  // main's wake-up for the signal thread at the end
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
   auto service = flowmere::pipewire::PipeWireCameraService::create({});
@@ -38,10 +39,12 @@ int main(int argc, char** /*argv*/) {
   }
   std::atomic<bool> ending{false};
   std::thread waiter([signals, &ending, weak = std::weak_ptr(service)] {
-    int received = 0;
-    sigwait(&signals, &received);
-    if (ending) {
-      return;  // woken by main below
+    int received = SIGUSR1;
+    while (received == SIGUSR1) {
+      sigwait(&signals, &received);
+      if (ending) {
+        return;  // woken by main below
+      }
     }
     if (auto strong = weak.lock()) {
       strong->writeLog(received == SIGTERM ? "[pipewire] SIGTERM: stopping"
@@ -56,7 +59,7 @@ int main(int argc, char** /*argv*/) {
   // The stop order from here: the signal thread ends (woken if no signal came), then the
   // service with its loops and queues, all on this thread and before static destruction.
   ending = true;
-  pthread_kill(waiter.native_handle(), SIGTERM);
+  pthread_kill(waiter.native_handle(), SIGUSR1);
   waiter.join();
   const int serviceStatus = service->exitStatus();
   service.reset();

@@ -15,29 +15,15 @@
 
 #include "formats/FormatCatalogue.h"
 #include "pipewire/PipeWireCameraService.h"
+#include "pipewire/SpaDict.h"
 #include "pipewire/SpaFormats.h"
 
 namespace flowmere::status {
 
+using pipewire::numberProperty;
+using pipewire::textProperty;
+
 namespace {
-
-std::optional<std::uint32_t> numberProperty(const spa_dict* props, const char* key) {
-  const char* text = props ? spa_dict_lookup(props, key) : nullptr;
-  if (!text || !*text) {
-    return std::nullopt;
-  }
-  char* end = nullptr;
-  const unsigned long value = std::strtoul(text, &end, 10);
-  if (*end != '\0') {
-    return std::nullopt;
-  }
-  return static_cast<std::uint32_t>(value);
-}
-
-std::string textProperty(const spa_dict* props, const char* key) {
-  const char* text = props ? spa_dict_lookup(props, key) : nullptr;
-  return text ? text : "";
-}
 
 std::optional<GraphVideoFormat> parseVideoFormat(const spa_pod* param) {
   std::uint32_t mediaType = 0;
