@@ -7,6 +7,7 @@
 #include "common/LineLog.h"
 #include "common/PosixFileManager.h"
 #include "common/SqliteSettingsSuite.h"
+#include "common/WriteBehindFileManager.h"
 
 namespace flowmere::embedded {
 
@@ -30,17 +31,23 @@ class MemorySettingsSuite final : public platform::SettingsSuite {
 }  // namespace
 
 // The file layer: the POSIX one, with a failure switch for writes and an observer of successful
-// writes. Any thread.
+// writes. In real time the state files are written behind the caller, off the frame's path (the
+// observer hears of a write when it is accepted); in virtual time in place, so that a file holds
+// its text as soon as the step that wrote it returns. Any thread.
 class EmbeddedFileManager final : public platform::FileManager {
  public:
   EmbeddedFileManager(EmbeddedCameraService& service,
                       std::optional<std::filesystem::path> containerParent,
                       std::optional<std::filesystem::path> containerDirectory,
-                      std::filesystem::path temporaryDirectory, bool failWrites)
+                      std::filesystem::path temporaryDirectory, bool failWrites, bool writeBehind)
       : service_(service),
         posix_(std::move(containerParent), std::move(temporaryDirectory)),
         containerDirectory_(std::move(containerDirectory)),
-        failWrites_(failWrites) {}
+        failWrites_(failWrites) {
+    if (writeBehind) {
+      behind_.emplace(posix_);
+    }
+  }
 
   // The path forms go through the text forms, so that every switch is checked in one place.
   std::optional<std::filesystem::path> containerURLForSecurityApplicationGroupIdentifier(
@@ -74,7 +81,9 @@ class EmbeddedFileManager final : public platform::FileManager {
     if (failWrites_.load(std::memory_order_relaxed)) {
       return false;
     }
-    if (!posix_.writeStringAtomicallyToPath(file, text)) {
+    const bool written = behind_ ? behind_->writeStringAtomicallyToPath(file, text)
+                                 : posix_.writeStringAtomicallyToPath(file, text);
+    if (!written) {
       return false;
     }
     service_.notifyFileWrite(file, text);
@@ -83,12 +92,19 @@ class EmbeddedFileManager final : public platform::FileManager {
   void temporaryDirectoryPath(std::string& path) override { posix_.temporaryDirectoryPath(path); }
 
   void setFailWrites(bool fail) { failWrites_.store(fail, std::memory_order_relaxed); }
+  // Returns when every state file accepted so far is on disk.
+  void flush() {
+    if (behind_) {
+      behind_->flush();
+    }
+  }
 
  private:
   EmbeddedCameraService& service_;
   common::PosixFileManager posix_;
   const std::optional<std::filesystem::path> containerDirectory_;
   std::atomic<bool> failWrites_;
+  std::optional<common::WriteBehindFileManager> behind_;  // real time only; last, goes first
 };
 
 // One settings store per suite, shared by every handle the service gives out for it, so that two
@@ -270,7 +286,7 @@ EmbeddedCameraService::EmbeddedCameraService(EmbeddedOptions options)
   log_ = std::make_unique<common::LineLog>(options_.logSink);
   fileManager_ = std::make_unique<EmbeddedFileManager>(
       *this, options_.containerParent, options_.containerDirectory, options_.temporaryDirectory,
-      options_.faults.failFileWrites);
+      options_.faults.failFileWrites, options_.mode == TimeMode::kReal);
   if (options_.mode == TimeMode::kVirtual) {
     executor_ = std::make_unique<ManualExecutor>(options_.virtualStartNanoseconds);
     clock_ = std::make_unique<VirtualClock>(*executor_);
@@ -315,6 +331,10 @@ void EmbeddedCameraService::runMainRunLoop() {
   }
   std::unique_lock lock(runLoopMutex_);
   runLoopWake_.wait(lock, [this] { return shutdownRequested_; });
+}
+
+void EmbeddedCameraService::flushStateFiles() {
+  fileManager_->flush();
 }
 
 void EmbeddedCameraService::shutdown() {

@@ -163,6 +163,9 @@ class EmbeddedCameraService final : public platform::Platform,
   // Ends `runMainRunLoop`. Consume requests still waiting are answered empty, and later ones are
   // answered at once.
   void shutdown();
+  // Returns when every state file written so far is on disk. In real time they are written
+  // behind the relay; in virtual time they always are at once.
+  void flushStateFiles();
 
   [[nodiscard]] TimeMode mode() const { return options_.mode; }
   // Virtual time only (null in real time).

@@ -7,6 +7,7 @@
 #include "common/LineLog.h"
 #include "common/PosixFileManager.h"
 #include "common/SqliteSettingsSuite.h"
+#include "common/WriteBehindFileManager.h"
 #include "embedded/EmbeddedQueues.h"
 #include "embedded/VirtualClock.h"
 
@@ -33,10 +34,11 @@ PipeWireCameraService::PipeWireCameraService(PipeWireOptions options)
   pw_init(nullptr, nullptr);
   log_ = std::make_unique<common::LineLog>(options_.logSink);
   clock_ = std::make_unique<embedded::MonotonicClock>();
-  fileManager_ = std::make_unique<common::PosixFileManager>(
+  // State files are replaced behind the relay, off the frame's path.
+  fileManager_ = std::make_unique<common::WriteBehindFileManager>(common::PosixFileManager(
       options_.containerParent ? options_.containerParent
                                : common::PosixFileManager::defaultContainerParent(),
-      std::filesystem::path(kTemporaryDirectory));
+      std::filesystem::path(kTemporaryDirectory)));
   platformQueue_ = std::make_shared<embedded::ThreadSerialQueue>("pipewire.platform");
   auto makeLoop = [this](const char* name, std::shared_ptr<PipeWireLoop>& slot) {
     LoopCallbacks callbacks;
@@ -173,6 +175,7 @@ void PipeWireCameraService::runMainRunLoop() {
   // released by the caller after this returns, and the loops only when the service goes.
   stopNodes();
   drainPlatformQueue();
+  fileManager_->flush();
   const std::scoped_lock lock(suitesMutex_);
   for (const auto& [path, suite] : suites_) {
     suite->flush();

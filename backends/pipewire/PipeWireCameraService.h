@@ -33,7 +33,7 @@
 
 namespace flowmere::common {
 class LineLog;
-class PosixFileManager;
+class WriteBehindFileManager;
 class SqliteSettingsSuite;
 }  // namespace flowmere::common
 
@@ -125,7 +125,7 @@ class PipeWireCameraService final : public platform::Platform {
   std::vector<std::shared_ptr<PipeWireStream>> published_;  // by publishedMutex_
 
   std::shared_ptr<embedded::ThreadSerialQueue> platformQueue_;
-  std::unique_ptr<common::PosixFileManager> fileManager_;
+  std::unique_ptr<common::WriteBehindFileManager> fileManager_;
   std::unique_ptr<platform::Clock> clock_;
 
   std::mutex suitesMutex_;

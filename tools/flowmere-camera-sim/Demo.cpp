@@ -264,6 +264,7 @@ int runDemo(const DemoOptions& options) {
     stateDirectory = files.temporaryDirectory() / std::string(kStateDirectoryName);
   }
   std::string status = "(unknown)";
+  service->flushStateFiles();  // written behind the relay in real time
   if (FILE* file = std::fopen((stateDirectory / "bridge_extension_status").c_str(), "rb")) {
     char text[256] = {};
     const std::size_t length = std::fread(text, 1, sizeof(text) - 1, file);

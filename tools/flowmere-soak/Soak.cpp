@@ -313,6 +313,7 @@ void SoakRun::produce() {
     restarts_.fetch_add(1);
     // Stop waits for a delivery in progress, and none follows: the recorder's count is final.
     lastSessionRelayed_ = relayed_.load() - relayedBeforeStart;
+    service_->flushStateFiles();  // real time writes them behind the relay
     const std::optional<std::string> text = readWholeFile(framesFile);
     if (text != std::to_string(lastSessionRelayed_)) {
       fail("after session " + std::to_string(session + 1) + " the frame count file holds \"" +

@@ -1,0 +1,121 @@
+#include "WriteBehindFileManager.h"
+
+#include <pthread.h>
+
+namespace flowmere::common {
+
+WriteBehindFileManager::WriteBehindFileManager(PosixFileManager files)
+    : files_(std::move(files)), writer_([this] { run(); }) {}
+
+WriteBehindFileManager::~WriteBehindFileManager() {
+  {
+    const platform::Locker lock(mutex_);
+    stopping_ = true;
+  }
+  wake_.notifyAll();
+  writer_.join();
+}
+
+void WriteBehindFileManager::flush() {
+  const platform::Locker lock(mutex_);
+  const std::uint64_t target = accepted_;
+  while (written_ < target) {
+    done_.wait(mutex_);
+  }
+}
+
+std::optional<std::filesystem::path>
+WriteBehindFileManager::containerURLForSecurityApplicationGroupIdentifier(
+    std::string_view groupIdentifier) {
+  return files_.containerURLForSecurityApplicationGroupIdentifier(groupIdentifier);
+}
+
+bool WriteBehindFileManager::createDirectory(const std::filesystem::path& directory) {
+  return files_.createDirectory(directory);
+}
+
+bool WriteBehindFileManager::writeStringAtomically(const std::filesystem::path& file,
+                                                   std::string_view text) {
+  return writeStringAtomicallyToPath(file.native(), text);
+}
+
+std::filesystem::path WriteBehindFileManager::temporaryDirectory() {
+  return files_.temporaryDirectory();
+}
+
+bool WriteBehindFileManager::containerPathForSecurityApplicationGroupIdentifier(
+    std::string_view groupIdentifier, std::string& path) {
+  return files_.containerPathForSecurityApplicationGroupIdentifier(groupIdentifier, path);
+}
+
+bool WriteBehindFileManager::createDirectoryAtPath(const std::string& directory) {
+  return files_.createDirectoryAtPath(directory);
+}
+
+bool WriteBehindFileManager::writeStringAtomicallyToPath(const std::string& file,
+                                                         std::string_view text) {
+  if (file.empty() || file.back() == '/') {
+    return false;
+  }
+  bool wasIdle = false;
+  {
+    const platform::Locker lock(mutex_);
+    auto found = pending_.find(file);
+    if (found == pending_.end()) {
+      found = pending_.emplace(file, Pending{}).first;
+    }
+    found->second.text.assign(text);  // reuses the entry's storage
+    found->second.dirty = true;
+    wasIdle = written_ == accepted_;
+    ++accepted_;
+  }
+  if (wasIdle) {
+    wake_.notifyAll();
+  }
+  return true;
+}
+
+void WriteBehindFileManager::temporaryDirectoryPath(std::string& path) {
+  files_.temporaryDirectoryPath(path);
+}
+
+void WriteBehindFileManager::run() {
+  pthread_setname_np(pthread_self(), "state-files");
+  std::vector<Batch> batch;  // reused: its strings keep their storage between batches
+  while (true) {
+    std::size_t count = 0;
+    std::uint64_t upTo = 0;
+    {
+      const platform::Locker lock(mutex_);
+      while (written_ == accepted_ && !stopping_) {
+        wake_.wait(mutex_);
+      }
+      if (written_ == accepted_) {
+        return;  // stopping, and everything accepted is written
+      }
+      for (auto& [file, pending] : pending_) {
+        if (!pending.dirty) {
+          continue;
+        }
+        if (batch.size() == count) {
+          batch.emplace_back();
+        }
+        batch[count].file.assign(file);
+        batch[count].text.assign(pending.text);
+        pending.dirty = false;
+        ++count;
+      }
+      upTo = accepted_;
+    }
+    for (std::size_t index = 0; index < count; ++index) {
+      (void)files_.writeStringAtomicallyToPath(batch[index].file, batch[index].text);
+    }
+    {
+      const platform::Locker lock(mutex_);
+      written_ = upTo;
+    }
+    done_.notifyAll();
+  }
+}
+
+}  // namespace flowmere::common

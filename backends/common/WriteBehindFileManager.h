@@ -1,0 +1,78 @@
+#pragma once
+
+// The file layer with state-file writes taken off the caller's thread. A write records the newest
+// text for its file and returns at once; a writer thread replaces the files, each atomically
+// through the POSIX layer. Writes of one file that come faster than the disk coalesce: the file
+// goes from one whole text to a later whole text, and the last one written is the last one
+// accepted. Failed writes are dropped as the POSIX layer's are (the old file stays). Container
+// lookups and directory creation stay synchronous.
+//
+// The relay writes two or three of these files on every frame, before the frame is forwarded;
+// on ext4 each replacement costs 0.1-0.3 ms, which this keeps out of the frame's latency.
+//
+// Threading: the platform::FileManager operations from any thread. The writer thread starts in
+// the constructor and ends in the destructor, after it has written everything accepted. `mutex_`
+// guards the pending texts and the counters; it is never held during file I/O.
+
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "PosixFileManager.h"
+#include "platform/ThreadAnnotations.h"
+
+namespace flowmere::common {
+
+class WriteBehindFileManager final : public platform::FileManager {
+ public:
+  explicit WriteBehindFileManager(PosixFileManager files);
+  // Writes what is still pending, then joins the writer thread.
+  ~WriteBehindFileManager() override;
+  WriteBehindFileManager(const WriteBehindFileManager&) = delete;
+  WriteBehindFileManager& operator=(const WriteBehindFileManager&) = delete;
+
+  // Returns when every write accepted before the call has been done (or has failed).
+  void flush() EXCLUDES(mutex_);
+
+  std::optional<std::filesystem::path> containerURLForSecurityApplicationGroupIdentifier(
+      std::string_view groupIdentifier) override;
+  bool createDirectory(const std::filesystem::path& directory) override;
+  // Accepts the write: true unless the target has no file name. The file is replaced shortly
+  // after, on the writer thread.
+  bool writeStringAtomically(const std::filesystem::path& file, std::string_view text) override;
+  std::filesystem::path temporaryDirectory() override;
+
+  bool containerPathForSecurityApplicationGroupIdentifier(std::string_view groupIdentifier,
+                                                          std::string& path) override;
+  bool createDirectoryAtPath(const std::string& directory) override;
+  // Allocation-free once each file has been written once.
+  bool writeStringAtomicallyToPath(const std::string& file, std::string_view text) override
+      EXCLUDES(mutex_);
+  void temporaryDirectoryPath(std::string& path) override;
+
+ private:
+  struct Pending {
+    std::string text;
+    bool dirty = false;
+  };
+  struct Batch {
+    std::string file;
+    std::string text;
+  };
+
+  void run() EXCLUDES(mutex_);
+
+  PosixFileManager files_;  // const operations only; safe from any thread
+  platform::Mutex mutex_;
+  platform::ConditionVariable wake_;  // the writer: work or stop
+  platform::ConditionVariable done_;  // flush: a batch was written
+  std::unordered_map<std::string, Pending> pending_ GUARDED_BY(mutex_);
+  std::uint64_t accepted_ GUARDED_BY(mutex_) = 0;  // writes accepted so far
+  std::uint64_t written_ GUARDED_BY(mutex_) = 0;   // accepted writes the writer has done
+  bool stopping_ GUARDED_BY(mutex_) = false;
+  std::thread writer_;  // last: starts once everything above exists
+};
+
+}  // namespace flowmere::common
