@@ -61,7 +61,8 @@ void onProcess(void* data) {
   const auto bar = static_cast<std::uint32_t>(producer->sent * 8 % kWidth);
   for (std::uint32_t y = 0; y < kHeight; ++y) {
     for (std::uint32_t x = 0; x < kWidth; ++x) {
-      std::uint8_t* pixel = pixels + std::size_t{y} * kStride + x * 4;  // blue, green, red, alpha
+      std::uint8_t* pixel =
+          pixels + std::size_t{y} * kStride + std::size_t{x} * 4;  // blue, green, red, alpha
       const auto grey = static_cast<std::uint8_t>(x * 255 / kWidth);
       const bool inBar = x >= bar && x < bar + 32;
       pixel[0] = inBar ? 255 : grey;

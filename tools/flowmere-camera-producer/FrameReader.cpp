@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <ctime>
+#include <system_error>
 
 namespace flowmere::producer {
 
@@ -33,7 +33,7 @@ FrameReader::~FrameReader() {
 bool FrameReader::start(std::string& problem) {
   wakeDescriptor_ = eventfd(0, EFD_CLOEXEC);
   if (wakeDescriptor_ < 0) {
-    problem = std::string("cannot make an eventfd: ") + std::strerror(errno);
+    problem = "cannot make an eventfd: " + std::generic_category().message(errno);
     return false;
   }
   // Filled with zeros now, so that no page fault falls on the first frames' reads.

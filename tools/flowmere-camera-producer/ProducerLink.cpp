@@ -9,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <system_error>
 
 #include "formats/FormatCatalogue.h"
 
@@ -74,7 +75,7 @@ void onFinish(void* data, std::uint64_t /*expirations*/) {
       std::fprintf(stderr,
                    "flowmere-camera-producer: reading standard input failed after %llu frames: "
                    "%s\n",
-                   frames, std::strerror(state.error));
+                   frames, std::generic_category().message(state.error).c_str());
       producer.exitStatus = 1;
       break;
     case FrameReader::End::kNotYet:

@@ -101,7 +101,7 @@ std::optional<int> parseProducerOptions(int argc, char** argv, ProducerOptions& 
                             flag == "--fps" || flag == "--transfer" || flag == "--seconds" ||
                             flag == "--pause" || flag == "--file" || flag == "--timestamps";
     if (!takesValue) {
-      return flag.rfind("-", 0) == 0 && flag.size() > 1
+      return flag.rfind('-', 0) == 0 && flag.size() > 1
                  ? bad("unknown option '" + std::string(flag) + "'")
                  : bad("unexpected argument '" + std::string(flag) + "'");
     }

@@ -22,6 +22,7 @@
 #include <ctime>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "CommandLine.h"
@@ -244,7 +245,7 @@ int runReceiver(int argc, char** argv) {
   }
   if (!options.timestamps.empty() && !receiver.log.open(options.timestamps)) {
     std::fprintf(stderr, "flowmere-camera-producer receive: cannot write %s: %s\n",
-                 options.timestamps.c_str(), std::strerror(errno));
+                 options.timestamps.c_str(), std::generic_category().message(errno).c_str());
     return 1;
   }
 
@@ -328,7 +329,7 @@ int runReceiver(int argc, char** argv) {
     }
     if (!writeFile(options.saveFrame, receiver.savedFrame)) {
       std::fprintf(stderr, "flowmere-camera-producer receive: cannot write %s: %s\n",
-                   options.saveFrame.c_str(), std::strerror(errno));
+                   options.saveFrame.c_str(), std::generic_category().message(errno).c_str());
       return 1;
     }
   }

@@ -21,6 +21,7 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "Check.h"
@@ -201,7 +202,7 @@ int main(int argc, char** argv) {
   }
   if (!options.timestamps.empty() && !producer.pushLog.open(options.timestamps)) {
     std::fprintf(stderr, "flowmere-camera-producer: cannot write %s: %s\n",
-                 options.timestamps.c_str(), std::strerror(errno));
+                 options.timestamps.c_str(), std::generic_category().message(errno).c_str());
     return 1;
   }
 
