@@ -152,6 +152,9 @@ std::optional<int> parseProducerOptions(int argc, char** argv, ProducerOptions& 
   if (options.live && !options.readsStandardInput()) {
     return bad("--live goes with --file - (a live input on standard input)");
   }
+  if (options.live && options.pauseSeconds > 0) {
+    return bad("--pause holds back the frame schedule, which a --live input does not follow");
+  }
   return std::nullopt;
 }
 
