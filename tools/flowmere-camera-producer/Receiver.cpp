@@ -2,6 +2,8 @@
 // default), takes BGRA frames of any size and, for every frame, reads the frame number from the
 // pattern's counter blocks and records it with the time the buffer was dequeued. Only the 32
 // block centres of one row are read: the per-frame cost does not depend on the frame size.
+// Frames without the pattern (a video piped into the producer) are counted too, as buffers, and
+// with --save-frame the first frame's bytes are kept, for a comparison with what was sent.
 
 #include "Receiver.h"
 
@@ -20,8 +22,12 @@
 #include <ctime>
 #include <optional>
 #include <string>
+#include <system_error>
+#include <vector>
 
+#include "CommandLine.h"
 #include "FramePattern.h"
+#include "ProducerOptions.h"
 #include "TimestampLog.h"
 
 namespace flowmere::producer {
@@ -30,7 +36,8 @@ namespace {
 struct ReceiveOptions {
   std::string target = "flowmere-camera-source";
   std::string timestamps;
-  double seconds = 0;  // 0: until interrupted
+  std::string saveFrame;  // --save-frame: where the first frame's packed rows go
+  double seconds = 0;     // 0: until interrupted
 };
 
 std::int64_t monotonicNanoseconds() {
@@ -59,7 +66,42 @@ struct Receiver {
   std::uint32_t lastNumber = 0;
   std::int64_t firstReceive = 0;
   std::int64_t lastReceive = 0;
+  // Every buffer that holds a whole frame of the negotiated format, pattern or not.
+  std::uint64_t buffers = 0;
+  std::int64_t firstBuffer = 0;
+  std::int64_t lastBuffer = 0;
+  // --save-frame: the first whole frame, rows packed; sized when the format is set, so that the
+  // one copy on the frame path allocates nothing.
+  std::vector<std::uint8_t> savedFrame;
+  bool frameSaved = false;
 };
+
+// Counts `block` as a buffer when it holds a whole frame, and keeps the first such frame for
+// --save-frame.
+void countBuffer(Receiver& receiver, const spa_data& block, std::int64_t now) {
+  if (!block.data || !block.chunk || receiver.width == 0) {
+    return;
+  }
+  const std::size_t rowBytes = static_cast<std::size_t>(receiver.width) * 4;
+  const std::size_t stride =
+      block.chunk->stride > 0 ? static_cast<std::size_t>(block.chunk->stride) : rowBytes;
+  const std::size_t offset = block.chunk->offset % std::max<std::uint32_t>(block.maxsize, 1);
+  const std::size_t needed = stride * (receiver.height - 1) + rowBytes;
+  if (stride < rowBytes || block.chunk->size < needed || offset + needed > block.maxsize) {
+    return;
+  }
+  if (receiver.buffers++ == 0) {
+    receiver.firstBuffer = now;
+  }
+  receiver.lastBuffer = now;
+  if (!receiver.frameSaved && receiver.savedFrame.size() == rowBytes * receiver.height) {
+    const auto* base = static_cast<const std::uint8_t*>(block.data) + offset;
+    for (std::uint32_t y = 0; y < receiver.height; ++y) {
+      std::memcpy(receiver.savedFrame.data() + y * rowBytes, base + y * stride, rowBytes);
+    }
+    receiver.frameSaved = true;
+  }
+}
 
 // Reads the frame number of one BGRA buffer, or nothing when the buffer cannot hold the pattern.
 std::optional<std::uint32_t> counterOf(const Receiver& receiver, const spa_data& block) {
@@ -86,6 +128,7 @@ void onProcess(void* data) {
   auto& receiver = *static_cast<Receiver*>(data);
   while (pw_buffer* buffer = pw_stream_dequeue_buffer(receiver.stream)) {
     const std::int64_t now = monotonicNanoseconds();
+    countBuffer(receiver, buffer->buffer->datas[0], now);
     const std::optional<std::uint32_t> number = counterOf(receiver, buffer->buffer->datas[0]);
     pw_stream_queue_buffer(receiver.stream, buffer);
     if (!number) {
@@ -132,6 +175,9 @@ void onParamChanged(void* data, std::uint32_t id, const spa_pod* param) {
   receiver.width = info.size.width;
   receiver.height = info.size.height;
   std::fprintf(stderr, "receiver: %ux%u BGRA\n", receiver.width, receiver.height);
+  if (!receiver.options.saveFrame.empty() && !receiver.frameSaved) {
+    receiver.savedFrame.assign(static_cast<std::size_t>(receiver.width) * 4 * receiver.height, 0);
+  }
   // Plain memory only (the counter is read in place), one block of packed rows at least. The
   // size matters when the other side states none (GStreamer's pipewiresink before its first
   // frame): the link would otherwise make empty buffers.
@@ -157,11 +203,17 @@ void onTimeout(void* data, std::uint64_t /*expirations*/) {
   pw_main_loop_quit(static_cast<Receiver*>(data)->loop);
 }
 
-int usage() {
-  std::fputs(
-      "usage: flowmere-camera-producer receive [--target NODE] [--seconds N] [--timestamps FILE]\n",
-      stderr);
-  return 2;
+int bad(const std::string& message) {
+  return tools::badUsage(kProgram, message);
+}
+
+bool writeFile(const std::string& path, const std::vector<std::uint8_t>& bytes) {
+  std::FILE* file = std::fopen(path.c_str(), "wb");
+  if (!file) {
+    return false;
+  }
+  const bool written = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
+  return std::fclose(file) == 0 && written;
 }
 
 }  // namespace
@@ -171,25 +223,29 @@ int runReceiver(int argc, char** argv) {
   ReceiveOptions& options = receiver.options;
   for (int i = 2; i < argc; i += 2) {
     const std::string flag = argv[i];
-    const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
-    if (!value) {
-      return usage();
+    if (flag != "--target" && flag != "--seconds" && flag != "--timestamps" &&
+        flag != "--save-frame") {
+      return bad("unknown option '" + flag + "' for receive");
     }
+    if (i + 1 >= argc || argv[i + 1][0] == '\0') {
+      return bad("receive " + flag + " needs a value");
+    }
+    const std::string value = argv[i + 1];
     if (flag == "--target") {
       options.target = value;
-    } else if (flag == "--seconds" && std::atof(value) >= 0) {
-      options.seconds = std::atof(value);
+    } else if (flag == "--seconds") {
+      if (!tools::parseNumber(value, options.seconds) || options.seconds < 0) {
+        return bad("receive --seconds takes a number of seconds, not '" + value + "'");
+      }
     } else if (flag == "--timestamps") {
       options.timestamps = value;
     } else {
-      std::fprintf(stderr, "flowmere-camera-producer receive: bad option %s %s\n", flag.c_str(),
-                   value);
-      return usage();
+      options.saveFrame = value;
     }
   }
   if (!options.timestamps.empty() && !receiver.log.open(options.timestamps)) {
     std::fprintf(stderr, "flowmere-camera-producer receive: cannot write %s: %s\n",
-                 options.timestamps.c_str(), std::strerror(errno));
+                 options.timestamps.c_str(), std::generic_category().message(errno).c_str());
     return 1;
   }
 
@@ -260,6 +316,23 @@ int runReceiver(int argc, char** argv) {
       static_cast<unsigned long long>(receiver.repeated),
       static_cast<unsigned long long>(receiver.backwards),
       static_cast<unsigned long long>(receiver.unreadable));
+  const double bufferSpan = static_cast<double>(receiver.lastBuffer - receiver.firstBuffer) / 1e9;
+  std::printf("got %llu buffers of %ux%u BGRA in %.2f s: %.2f a second\n",
+              static_cast<unsigned long long>(receiver.buffers), receiver.width, receiver.height,
+              bufferSpan,
+              bufferSpan > 0 ? static_cast<double>(receiver.buffers - 1) / bufferSpan : 0.0);
+  if (!options.saveFrame.empty()) {
+    if (!receiver.frameSaved) {
+      std::fprintf(stderr, "flowmere-camera-producer receive: no frame to save in %s\n",
+                   options.saveFrame.c_str());
+      return 1;
+    }
+    if (!writeFile(options.saveFrame, receiver.savedFrame)) {
+      std::fprintf(stderr, "flowmere-camera-producer receive: cannot write %s: %s\n",
+                   options.saveFrame.c_str(), std::generic_category().message(errno).c_str());
+      return 1;
+    }
+  }
   if (!written) {
     std::fprintf(stderr, "flowmere-camera-producer receive: writing %s failed\n",
                  options.timestamps.c_str());
