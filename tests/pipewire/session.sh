@@ -54,6 +54,13 @@ test_end() {
     rm -rf "${work}"
   fi
 }
+# Prints what AddressSanitizer, LeakSanitizer or UndefinedBehaviorSanitizer reported in log $1
+# (a program's standard error), if anything; returns 1 when there was nothing.
+print_sanitizer_reports() {
+  grep -qE 'ERROR: (Address|Leak)Sanitizer|runtime error:' "$1" || return 1
+  echo "--- sanitizer reports in $(basename "$1")"
+  sed -n '/ERROR: \(Address\|Leak\)Sanitizer\|runtime error:/,/^SUMMARY:/p' "$1"
+}
 pass() { echo "PASS: $*"; }
 fail() {
   echo "FAIL: $*"
