@@ -10,7 +10,8 @@
 # (Restart=on-failure, RestartSec=2): it starts the service again 2 s after it ended with a
 # non-zero status.
 #
-# Exits 77 (skipped) when the PipeWire session tools are not installed.
+# Exits 77 (skipped) when the PipeWire session tools are not installed, or when no mount namespace
+# can be made (it takes root).
 set -uo pipefail
 
 build="$(cd "${1:?usage: faults-test.sh BUILD_DIR}" && pwd)"
@@ -25,6 +26,10 @@ for tool in pipewire wireplumber dbus-daemon pw-cli sqlite3 unshare; do
     exit 77
   fi
 done
+if ! unshare --mount --propagation private true 2>/dev/null; then
+  echo "SKIP: no mount namespace can be made here (it takes root)"
+  exit 77
+fi
 
 # shellcheck source=session.sh
 source "${here}/session.sh"
