@@ -54,6 +54,13 @@ test_end() {
     rm -rf "${work}"
   fi
 }
+# Prints what AddressSanitizer, LeakSanitizer or UndefinedBehaviorSanitizer reported in log $1
+# (a program's standard error), if anything; returns 1 when there was nothing.
+print_sanitizer_reports() {
+  grep -qE 'ERROR: (Address|Leak)Sanitizer|runtime error:' "$1" || return 1
+  echo "--- sanitizer reports in $(basename "$1")"
+  sed -n '/ERROR: \(Address\|Leak\)Sanitizer\|runtime error:/,/^SUMMARY:/p' "$1"
+}
 pass() { echo "PASS: $*"; }
 fail() {
   echo "FAIL: $*"
@@ -73,17 +80,56 @@ session_start() {
   DBUS_SESSION_BUS_ADDRESS="$(head -1 "${SESSION_DIR}/dbus.address")"
   export DBUS_SESSION_BUS_ADDRESS
   SESSION_PIDS=("$(head -1 "${SESSION_DIR}/dbus.pid")")
-  pipewire >"${SESSION_DIR}/pipewire.log" 2>&1 &
-  SESSION_PIDS+=("$!")
-  for _ in $(seq 100); do [ -S "${XDG_RUNTIME_DIR}/pipewire-0" ] && break; sleep 0.05; done
-  wireplumber >"${SESSION_DIR}/wireplumber.log" 2>&1 &
-  SESSION_PIDS+=("$!")
+  session_start_pipewire && session_start_wireplumber
+}
+
+# Starts PipeWire in the session as SESSION_PIDS[1] (its log appended to pipewire.log) and waits
+# up to 5 s until its socket accepts connections. A PipeWire killed before leaves its socket
+# file behind, so the wait asks the daemon itself. SESSION_PIPEWIRE_BACK is the time
+# ($EPOCHREALTIME) at which the first probe that reached it began.
+session_start_pipewire() {
+  local probe
+  pipewire >>"${SESSION_DIR}/pipewire.log" 2>&1 &
+  SESSION_PIDS[1]=$!
+  for _ in $(seq 250); do
+    probe="${EPOCHREALTIME}"
+    if pw-cli info 0 >/dev/null 2>&1; then
+      SESSION_PIPEWIRE_BACK="${probe}"
+      return 0
+    fi
+    sleep 0.02
+  done
+  echo "PipeWire did not come up" >&2
+  return 1
+}
+
+# Starts WirePlumber in the session as SESSION_PIDS[2] (its log appended to wireplumber.log) and
+# waits up to 5 s until it is a client of PipeWire.
+session_start_wireplumber() {
+  wireplumber >>"${SESSION_DIR}/wireplumber.log" 2>&1 &
+  SESSION_PIDS[2]=$!
   for _ in $(seq 100); do
     pw-cli ls Client 2>/dev/null | grep -q WirePlumber && return 0
     sleep 0.05
   done
   echo "WirePlumber did not come up" >&2
   return 1
+}
+
+# Starts PipeWire and WirePlumber again in the same session (runtime directory, bus, data
+# directory) after a test killed them: the ones still running are ended first.
+session_restart_pipewire() {
+  end_processes "${SESSION_PIDS[2]}" "${SESSION_PIDS[1]}"
+  wait "${SESSION_PIDS[2]}" "${SESSION_PIDS[1]}" 2>/dev/null
+  session_start_pipewire && session_start_wireplumber
+}
+session_restart_wireplumber() {
+  end_processes "${SESSION_PIDS[2]}"
+  wait "${SESSION_PIDS[2]}" 2>/dev/null
+  # PipeWire drops the old client when it sees the connection close; the wait below must not
+  # find that one.
+  wait_for "! pw-cli ls Client | grep -q WirePlumber" 5
+  session_start_wireplumber
 }
 
 session_stop() {

@@ -139,6 +139,8 @@ void onProcess(void* data) {
     if (!receiver.firstNumber) {
       receiver.firstNumber = *number;
       receiver.firstReceive = now;
+      // Once: tests that time how soon a client gets pictures watch for this line.
+      std::fprintf(stderr, "receiver: first frame %u\n", *number);
     } else if (*number > receiver.lastNumber) {
       receiver.missing += *number - receiver.lastNumber - 1;
     } else if (*number == receiver.lastNumber) {
