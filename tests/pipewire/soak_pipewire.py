@@ -110,7 +110,8 @@ class Soak:
         self.failures = []
         self.producers = []
         self.clients = []
-        self.samples = []  # (seconds, memory_sample)
+        self.samples = []  # (seconds, memory_sample) while the soak runs
+        self.idle = None  # (seconds, memory_sample) of the idle extension after the wind-down
         self.extension = None
         self.extension_status = None
         self.t0 = 0
@@ -207,9 +208,9 @@ class Soak:
         memory = self.samples[-1][1] if self.samples else None
         rss = (f"RSS {memory['VmRSS'] / 1024:.1f} MiB (private "
                f"{(memory['VmRSS'] - memory['RssShmem']) / 1024:.1f})" if memory else "")
-        print(f"{self.seconds(now):6.0f} s: {running}; {alive} clients now, {len(self.clients)} "
-              f"started; {len(self.producers)} producers started; {rss}; "
-              f"{len(self.failures)} failures", flush=True)
+        print(f"{self.seconds(now):6.0f} s: {running}; clients: {alive} now, {len(self.clients)} "
+              f"started; producers started: {len(self.producers)}; {rss}; failures: "
+              f"{len(self.failures)}", flush=True)
 
     def run(self):
         args = self.args
@@ -293,7 +294,7 @@ class Soak:
             if idle["RssShmem"] <= first["RssShmem"] + 1024 or time.monotonic() > deadline:
                 break
             time.sleep(0.2)
-        self.samples.append((self.seconds(), idle))
+        self.idle = (self.seconds(), idle)
         (self.work / "extension-fds-end.txt").write_text(open_files(self.extension.pid))
         self.extension.send_signal(signal.SIGTERM)
         try:

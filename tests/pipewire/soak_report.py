@@ -11,6 +11,8 @@ import soak_analysis as analysis
 from soak_analysis import NS, label
 
 
+SHOWN_FAILURES = 25  # in the summary; all of them go to failures.txt when there are more
+
 # Open files the extension adds with its first producer and keeps: a PipeWire memfd and two
 # timers. A descriptor left behind per producer or client run would be a hundred in 10 minutes.
 FDS_CREATED_ONCE = 3
@@ -44,13 +46,16 @@ def tail(path, lines=1):
 
 
 def check_receivers(soak, pushes):
-    """Every receive client: its own summary, then its frames against the producers."""
+    """Every receive client: its own summary, then its frames against the producers. Returns
+    each one's ClientFrames and how many clients failed each kind of check."""
     results = []
+    faults = Counter()
     for run in (client for client in soak.clients if client.kind == "receive"):
-        name = f"receive client {run.index} ({run.start_ns and soak.seconds(run.start_ns):.1f}-" \
-               f"{soak.seconds(run.end_ns):.1f} s)"
+        name = (f"receive client {run.index} ({soak.seconds(run.start_ns):.1f}-"
+                f"{soak.seconds(run.end_ns):.1f} s)")
         summary = analysis.parse_summary(run.files.with_suffix(".out").read_text())
         if run.process.returncode != 0 or summary is None:
+            faults["ended badly"] += 1
             soak.failures.append(f"{name} ended with status {run.process.returncode}, summary "
                                  f"{summary}: {tail(run.files.with_suffix('.err'))}")
             continue
@@ -59,31 +64,34 @@ def check_receivers(soak, pushes):
                                        analysis.SETTLE_NS, analysis.TAIL_NS, analysis.SHORTEST_NS)
         results.append(frames)
         problems = []
-        if summary[1]:
-            problems.append(f"{summary[1]} unreadable")
         if summary[0] != frames.frames:
             problems.append(f"summary says {summary[0]} frames, time stamps {frames.frames}")
-        for count, what in ((frames.out_of_order, "out of order"), (frames.repeated, "repeated"),
+        for count, what in ((summary[1], "unreadable"), (frames.out_of_order, "out of order"),
+                            (frames.repeated, "repeated"),
                             (frames.unmatched, "not pushed by any producer")):
             if count:
+                faults[what] += 1
                 problems.append(f"{count} {what}")
         late = [latency for latency in frames.latencies if latency > analysis.MAX_LATENCY_NS]
         if late:
+            faults["late"] += 1
             problems.append(f"{len(late)} frames later than "
                             f"{analysis.MAX_LATENCY_NS / NS:g} s (latest {max(late) / NS:.2f} s)")
-        for window in frames.windows:
-            if window.coverage < soak.args.coverage_bound:
-                producer = soak.producers[window.producer]
-                problems.append(
-                    f"got {window.got} of {window.expected} frames ({window.rate:.1f} fps) in "
-                    f"{window.seconds:.1f} s of producer {producer.index} ({label(producer.fmt)})")
+        short = [w for w in frames.windows if w.coverage < soak.args.coverage_bound]
+        faults["short of frames"] += 1 if short else 0
+        for window in short:
+            producer = soak.producers[window.producer]
+            problems.append(
+                f"got {window.got} of {window.expected} frames ({window.rate:.1f} fps) in "
+                f"{window.seconds:.1f} s of producer {producer.index} ({label(producer.fmt)})")
         if problems:
+            faults["any"] += 1
             formats = [line.split(": ", 1)[1] for line in
                        run.files.with_suffix(".err").read_text(errors="replace").splitlines()
                        if re.match(r"receiver: (\d+x\d+ |format cleared)", line)]
             soak.failures.append(f"{name}: " + "; ".join(problems) +
                                  f" (its formats: {', '.join(formats)})")
-    return results
+    return results, faults
 
 
 def check_gst(soak):
@@ -119,19 +127,18 @@ def check_memory(soak):
     """The private memory's slope over the second half, and the idle extension at the end
     against the one at the start. Returns the figures."""
     samples = soak.samples
-    if len(samples) < 3:
-        soak.failures.append(f"only {len(samples)} memory samples")
+    if len(samples) < 3 or soak.idle is None:
+        soak.failures.append(f"only {len(samples)} memory samples"
+                             f"{'' if soak.idle else ', none of the idle extension'}")
         return None
-    # The last sample is the idle one after the wind-down; the fit is over the run.
-    during = samples[:-1]
     half = soak.args.seconds / 2
-    second = [(t, m) for t, m in during if t >= half]
+    second = [(t, m) for t, m in samples if t >= half]
     private = [(t, (m["VmRSS"] - m["RssShmem"]) / 1024) for t, m in second]
     resident = [(t, m["VmRSS"] / 1024) for t, m in second]
     figures = {
         "private_slope": analysis.slope_per_minute(private),
         "resident_slope": analysis.slope_per_minute(resident),
-        "first": samples[0][1], "idle": samples[-1][1],
+        "first": samples[0][1], "idle": soak.idle[1],
         "max_resident": max(m["VmRSS"] for _, m in samples) / 1024,
         "private_half": private[0][1] if private else float("nan"),
         "private_end": private[-1][1] if private else float("nan"),
@@ -153,16 +160,18 @@ def check_memory(soak):
 def write_csv(soak, path):
     with open(path, "w", newline="", encoding="ascii") as handle:
         out = csv.writer(handle)
-        out.writerow(["seconds", "rss_kib", "anon_kib", "file_kib", "shmem_kib", "fds", "threads"])
-        for seconds, m in soak.samples:
+        out.writerow(["seconds", "rss_kib", "anon_kib", "file_kib", "shmem_kib", "fds", "threads",
+                      "idle"])
+        rows = [(sample, 0) for sample in soak.samples] + ([(soak.idle, 1)] if soak.idle else [])
+        for (seconds, m), idle in rows:
             out.writerow([f"{seconds:.1f}", m["VmRSS"], m["RssAnon"], m["RssFile"], m["RssShmem"],
-                          m["fds"], m["Threads"]])
+                          m["fds"], m["Threads"], idle])
 
 
 def report(soak, args):
     """Runs the checks, prints the summary; True when every check held."""
     pushes = check_producers(soak)
-    receivers = check_receivers(soak, pushes)
+    receivers, faults = check_receivers(soak, pushes)
     gst = check_gst(soak)
     log_lines, unexpected = check_extension(soak) if soak.extension else (0, 0)
     memory = check_memory(soak)
@@ -213,8 +222,15 @@ def report(soak, args):
         print(f"  idle, start -> end     shared {first['RssShmem']} -> {idle['RssShmem']} kB, "
               f"open files {first['fds']} -> {idle['fds']}, threads {first['Threads']} -> "
               f"{idle['Threads']}")
+    print(f"  receive clients failed {faults['any']} of {len(receivers)}"
+          + "".join(f"; {count} {what}" for what, count in sorted(faults.items())
+                    if what != "any" and count))
     print(f"  check failures         {len(soak.failures)}")
-    for failure in soak.failures:
+    for failure in soak.failures[:SHOWN_FAILURES]:
         print(f"    - {failure}")
+    if len(soak.failures) > SHOWN_FAILURES:
+        listing = soak.work / "failures.txt"
+        listing.write_text("".join(f"{failure}\n" for failure in soak.failures))
+        print(f"    ... {len(soak.failures) - SHOWN_FAILURES} more, all in {listing}")
     print(f"Result: {'PASS' if not soak.failures else 'FAIL'}")
     return not soak.failures
