@@ -110,6 +110,7 @@ class ClientFrames:
     windows: list = field(default_factory=list)
     per_producer: dict = field(default_factory=dict)  # producer index -> frames received
     received: set = field(default_factory=set)  # (producer index, frame number)
+    passed: bool = True  # no check on this client failed (set by the report)
 
 
 def check_client(received, producers, start, end, settle=SETTLE_NS, tail=TAIL_NS,

@@ -84,6 +84,7 @@ def check_receivers(soak, pushes):
             problems.append(
                 f"got {window.got} of {window.expected} frames ({window.rate:.1f} fps) in "
                 f"{window.seconds:.1f} s of producer {producer.index} ({label(producer.fmt)})")
+        frames.passed = not problems
         if problems:
             faults["any"] += 1
             formats = [line.split(": ", 1)[1] for line in
@@ -189,6 +190,7 @@ def report(soak, args):
     coverages = [w.coverage for w in windows]
     latencies = sorted(latency for r in receivers for latency in r.latencies)
     steady_missed = sum(w.expected - w.got for w in windows)
+    clean = [w for r in receivers if r.passed for w in r.windows]
     overlap = max(sum(1 for c in soak.clients if c.start_ns <= at < (c.end_ns or at + 1))
                   for at in [c.start_ns for c in soak.clients] or [0])
 
@@ -205,6 +207,10 @@ def report(soak, args):
           f"median {median(rates):.1f} fps; frames got min "
           f"{100 * min(coverages, default=1):.1f} %, median {100 * median(coverages):.1f} % "
           f"(bound {100 * args.coverage_bound:g} %); {steady_missed} missed")
+    if clean:
+        print(f"  of clean clients       {len(clean)} windows: rate min "
+              f"{min(w.rate for w in clean):.1f}, median {median([w.rate for w in clean]):.1f} "
+              f"fps; frames got min {100 * min(w.coverage for w in clean):.1f} %")
     if latencies:
         print(f"  latency                median {latencies[len(latencies) // 2] / 1e6:.2f} ms, "
               f"max {latencies[-1] / 1e6:.1f} ms")
