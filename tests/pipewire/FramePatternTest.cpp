@@ -49,6 +49,34 @@ TEST(FramePatternTest, APatternFrameSurvivesAPngRoundTrip) {
   }
 }
 
+// The receiver reads P010 frames through their luma: the counter that fillP010 writes comes back
+// for any bit pattern, with rows padded beyond the picture; video-range black and white and the
+// values outside the range read as black and white, and a mid-grey luma as no counter.
+TEST(FramePatternTest, AP010FrameNamesItsFrameNumberThroughItsLuma) {
+  constexpr std::uint32_t kWidth = 320;
+  constexpr std::uint32_t kHeight = 40;
+  constexpr std::size_t kStride = kWidth * 2 + 64;
+  std::vector<std::uint8_t> frame(kStride * kHeight * 3 / 2);
+  const auto lumaAt = [&](std::uint32_t x, std::uint32_t y) {
+    const std::uint8_t* sample = frame.data() + y * kStride + static_cast<std::size_t>(x) * 2;
+    return p010LumaGrey(static_cast<std::uint16_t>(sample[0] | (sample[1] << 8U)));
+  };
+  for (const std::uint64_t number : {0ULL, 1ULL, 0x8000'0001ULL, 0x5555'AAAAULL, 0xFFFF'FFFFULL}) {
+    fillP010(frame.data(), kStride, kWidth, kHeight, number);
+    const auto counter = readCounter(kWidth, kHeight, lumaAt);
+    ASSERT_TRUE(counter.has_value()) << "frame " << number;
+    EXPECT_EQ(*counter, static_cast<std::uint32_t>(number));
+  }
+
+  EXPECT_EQ(p010LumaGrey(64U << 6U), (Rgb{0, 0, 0}));
+  EXPECT_EQ(p010LumaGrey(940U << 6U), (Rgb{255, 255, 255}));
+  EXPECT_EQ(p010LumaGrey(0), (Rgb{0, 0, 0}));
+  EXPECT_EQ(p010LumaGrey(0xFFC0), (Rgb{255, 255, 255}));
+  EXPECT_FALSE(readCounter(kWidth, kHeight, [](std::uint32_t, std::uint32_t) {
+                 return p010LumaGrey(502U << 6U);
+               }).has_value());
+}
+
 TEST(FramePatternTest, ForeignPicturesAndBrokenFilesAreRejected) {
   // Mid-grey where the counter blocks should be: not our pattern.
   EXPECT_FALSE(readCounter(320, 40, [](std::uint32_t, std::uint32_t) {

@@ -1,5 +1,6 @@
 #include "FramePattern.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace flowmere::producer {
@@ -73,6 +74,13 @@ void fillP010(std::uint8_t* data, std::size_t stride, std::uint32_t width, std::
       put(row + x * 4 + 2, 512);
     }
   }
+}
+
+Rgb p010LumaGrey(std::uint16_t sample) {
+  const int luma = sample >> 6U;
+  const int level = std::clamp((luma - 64) * 255 / (940 - 64), 0, 255);
+  const auto grey = static_cast<std::uint8_t>(level);
+  return Rgb{grey, grey, grey};
 }
 
 }  // namespace flowmere::producer

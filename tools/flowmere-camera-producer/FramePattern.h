@@ -33,6 +33,11 @@ void fillBgra(std::uint8_t* data, std::size_t stride, std::uint32_t width, std::
 void fillP010(std::uint8_t* data, std::size_t stride, std::uint32_t width, std::uint32_t height,
               std::uint64_t frame);
 
+// The grey a P010 luma sample written by fillP010 stands for: the stored 16-bit value (10 bits,
+// most significant bit aligned) from video range 64..940 back to 0..255, clamped. The counter
+// blocks come back as black or white, so readCounter reads P010 frames through it.
+Rgb p010LumaGrey(std::uint16_t sample);
+
 // Reads the frame number back from an RGB picture given as a pixel accessor.
 template <typename PixelAt>
 std::optional<std::uint32_t> readCounter(std::uint32_t width, std::uint32_t height,

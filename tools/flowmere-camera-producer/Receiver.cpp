@@ -1,9 +1,11 @@
 // The `receive` subcommand: links an input stream to a video node (the camera's source by
-// default), takes BGRA frames of any size and, for every frame, reads the frame number from the
-// pattern's counter blocks and records it with the time the buffer was dequeued. Only the 32
-// block centres of one row are read: the per-frame cost does not depend on the frame size.
-// Frames without the pattern (a video piped into the producer) are counted too, as buffers, and
-// with --save-frame the first frame's bytes are kept, for a comparison with what was sent.
+// default), takes BGRA or P010 frames of any size and, for every frame, reads the frame number
+// from the pattern's counter blocks (P010: from its luma) and records it with the time the buffer
+// was dequeued. Only the 32 block centres of one row are read: the per-frame cost does not depend
+// on the frame size. The link may change format while it streams (the camera follows its
+// producer's format); each new format is announced on stderr. Frames without the pattern (a video
+// piped into the producer) are counted too, as buffers, and with --save-frame the first BGRA
+// frame's bytes are kept, for a comparison with what was sent.
 
 #include "Receiver.h"
 
@@ -29,6 +31,7 @@
 #include "FramePattern.h"
 #include "ProducerOptions.h"
 #include "TimestampLog.h"
+#include "pipewire/SpaFormats.h"
 
 namespace flowmere::producer {
 namespace {
@@ -54,7 +57,8 @@ struct Receiver {
   pw_main_loop* loop = nullptr;
   pw_stream* stream = nullptr;
   spa_hook listener{};
-  std::uint32_t width = 0;  // the negotiated format; 0 until a format is set
+  spa_video_format format = SPA_VIDEO_FORMAT_UNKNOWN;  // the negotiated format; UNKNOWN while
+  std::uint32_t width = 0;                             // there is none (width 0 then)
   std::uint32_t height = 0;
   TimestampLog log;
   std::uint64_t frames = 0;      // buffers whose frame number could be read
@@ -82,11 +86,14 @@ void countBuffer(Receiver& receiver, const spa_data& block, std::int64_t now) {
   if (!block.data || !block.chunk || receiver.width == 0) {
     return;
   }
-  const std::size_t rowBytes = static_cast<std::size_t>(receiver.width) * 4;
+  const bool p010 = receiver.format == SPA_VIDEO_FORMAT_P010_10LE;
+  const std::size_t rowBytes = static_cast<std::size_t>(receiver.width) * (p010 ? 2 : 4);
+  // P010: the luma rows, then half as many rows of interleaved chroma.
+  const std::size_t rows = p010 ? receiver.height + receiver.height / 2 : receiver.height;
   const std::size_t stride =
       block.chunk->stride > 0 ? static_cast<std::size_t>(block.chunk->stride) : rowBytes;
   const std::size_t offset = block.chunk->offset % std::max<std::uint32_t>(block.maxsize, 1);
-  const std::size_t needed = stride * (receiver.height - 1) + rowBytes;
+  const std::size_t needed = stride * (rows - 1) + rowBytes;
   if (stride < rowBytes || block.chunk->size < needed || offset + needed > block.maxsize) {
     return;
   }
@@ -103,12 +110,15 @@ void countBuffer(Receiver& receiver, const spa_data& block, std::int64_t now) {
   }
 }
 
-// Reads the frame number of one BGRA buffer, or nothing when the buffer cannot hold the pattern.
+// Reads the frame number of one BGRA or P010 buffer, or nothing when the buffer cannot hold the
+// pattern.
 std::optional<std::uint32_t> counterOf(const Receiver& receiver, const spa_data& block) {
   if (!block.data || !block.chunk || receiver.width == 0) {
     return std::nullopt;
   }
-  const std::size_t rowBytes = static_cast<std::size_t>(receiver.width) * 4;
+  const bool p010 = receiver.format == SPA_VIDEO_FORMAT_P010_10LE;
+  const std::size_t pixelBytes = p010 ? 2 : 4;
+  const std::size_t rowBytes = static_cast<std::size_t>(receiver.width) * pixelBytes;
   // Some producers (GStreamer's pipewiresink) leave the stride at 0: rows are then packed.
   const std::size_t stride =
       block.chunk->stride > 0 ? static_cast<std::size_t>(block.chunk->stride) : rowBytes;
@@ -119,7 +129,10 @@ std::optional<std::uint32_t> counterOf(const Receiver& receiver, const spa_data&
   }
   const auto* base = static_cast<const std::uint8_t*>(block.data) + offset;
   return readCounter(receiver.width, receiver.height, [&](std::uint32_t x, std::uint32_t y) {
-    const std::uint8_t* pixel = base + y * stride + static_cast<std::size_t>(x) * 4;
+    const std::uint8_t* pixel = base + y * stride + static_cast<std::size_t>(x) * pixelBytes;
+    if (p010) {
+      return p010LumaGrey(static_cast<std::uint16_t>(pixel[0] | (pixel[1] << 8U)));
+    }
     return Rgb{pixel[2], pixel[1], pixel[0]};
   });
 }
@@ -165,26 +178,36 @@ void onStateChanged(void* data, pw_stream_state /*old*/, pw_stream_state state, 
 
 void onParamChanged(void* data, std::uint32_t id, const spa_pod* param) {
   auto& receiver = *static_cast<Receiver*>(data);
-  if (id != SPA_PARAM_Format || !param) {
+  if (id != SPA_PARAM_Format) {
+    return;
+  }
+  receiver.format = SPA_VIDEO_FORMAT_UNKNOWN;
+  receiver.width = 0;
+  if (!param) {
+    std::fputs("receiver: format cleared\n", stderr);  // before a new one, or the end
     return;
   }
   spa_video_info_raw info{};
-  if (spa_format_video_raw_parse(param, &info) < 0 || info.format != SPA_VIDEO_FORMAT_BGRA) {
-    std::fputs("receiver: the node chose a format other than BGRA\n", stderr);
-    receiver.width = 0;
+  const std::optional<pipewire::FrameLayout> layout =
+      spa_format_video_raw_parse(param, &info) < 0 ? std::nullopt : pipewire::frameLayoutFor(info);
+  if (!layout) {
+    std::fputs("receiver: the node chose a format other than BGRA or P010\n", stderr);
     return;
   }
+  receiver.format = info.format;
   receiver.width = info.size.width;
   receiver.height = info.size.height;
-  std::fprintf(stderr, "receiver: %ux%u BGRA\n", receiver.width, receiver.height);
-  if (!receiver.options.saveFrame.empty() && !receiver.frameSaved) {
+  std::fprintf(stderr, "receiver: %ux%u %s\n", receiver.width, receiver.height,
+               info.format == SPA_VIDEO_FORMAT_BGRA ? "BGRA" : "P010");
+  if (!receiver.options.saveFrame.empty() && !receiver.frameSaved &&
+      info.format == SPA_VIDEO_FORMAT_BGRA) {
     receiver.savedFrame.assign(static_cast<std::size_t>(receiver.width) * 4 * receiver.height, 0);
   }
   // Plain memory only (the counter is read in place), one block of packed rows at least. The
   // size matters when the other side states none (GStreamer's pipewiresink before its first
   // frame): the link would otherwise make empty buffers.
-  const auto stride = static_cast<int>(receiver.width * 4);
-  const auto size = static_cast<int>(static_cast<std::int64_t>(stride) * receiver.height);
+  const auto stride = static_cast<int>(layout->stride);
+  const auto size = static_cast<int>(layout->frameSize);
   std::array<std::byte, 512> storage{};
   spa_pod_builder builder = SPA_POD_BUILDER_INIT(storage.data(), storage.size());
   const auto* buffers = static_cast<const spa_pod*>(spa_pod_builder_add_object(
@@ -279,7 +302,7 @@ int runReceiver(int argc, char** argv) {
         return &events;
       }(),
       &receiver);
-  std::array<std::byte, 512> storage{};
+  std::array<std::byte, 1024> storage{};
   spa_pod_builder builder = SPA_POD_BUILDER_INIT(storage.data(), storage.size());
   spa_rectangle defaultSize{1920, 1080};
   spa_rectangle minSize{1, 1};
@@ -287,16 +310,22 @@ int runReceiver(int argc, char** argv) {
   spa_fraction defaultRate{30, 1};
   spa_fraction minRate{0, 1};
   spa_fraction maxRate{1000, 1};
-  const auto* format = static_cast<const spa_pod*>(spa_pod_builder_add_object(
-      &builder, SPA_TYPE_OBJECT_Format, SPA_PARAM_EnumFormat, SPA_FORMAT_mediaType,
-      SPA_POD_Id(SPA_MEDIA_TYPE_video), SPA_FORMAT_mediaSubtype, SPA_POD_Id(SPA_MEDIA_SUBTYPE_raw),
-      SPA_FORMAT_VIDEO_format, SPA_POD_Id(SPA_VIDEO_FORMAT_BGRA), SPA_FORMAT_VIDEO_size,
-      SPA_POD_CHOICE_RANGE_Rectangle(&defaultSize, &minSize, &maxSize), SPA_FORMAT_VIDEO_framerate,
-      SPA_POD_CHOICE_RANGE_Fraction(&defaultRate, &minRate, &maxRate)));
+  // BGRA first: a node offering both gives the receiver BGRA.
+  std::array<const spa_pod*, 2> formats{};
+  for (std::size_t index = 0; index < formats.size(); ++index) {
+    formats[index] = static_cast<const spa_pod*>(spa_pod_builder_add_object(
+        &builder, SPA_TYPE_OBJECT_Format, SPA_PARAM_EnumFormat, SPA_FORMAT_mediaType,
+        SPA_POD_Id(SPA_MEDIA_TYPE_video), SPA_FORMAT_mediaSubtype,
+        SPA_POD_Id(SPA_MEDIA_SUBTYPE_raw), SPA_FORMAT_VIDEO_format,
+        SPA_POD_Id(index == 0 ? SPA_VIDEO_FORMAT_BGRA : SPA_VIDEO_FORMAT_P010_10LE),
+        SPA_FORMAT_VIDEO_size, SPA_POD_CHOICE_RANGE_Rectangle(&defaultSize, &minSize, &maxSize),
+        SPA_FORMAT_VIDEO_framerate,
+        SPA_POD_CHOICE_RANGE_Fraction(&defaultRate, &minRate, &maxRate)));
+  }
   if (pw_stream_connect(
           receiver.stream, PW_DIRECTION_INPUT, PW_ID_ANY,
           static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS),
-          &format, 1) < 0) {
+          formats.data(), static_cast<std::uint32_t>(formats.size())) < 0) {
     std::fputs("flowmere-camera-producer receive: cannot connect to PipeWire\n", stderr);
     return 1;
   }

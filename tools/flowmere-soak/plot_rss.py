@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Draws the memory curve of a flowmere-soak run as an SVG line chart.
+"""Draws the memory curve of a soak run as an SVG line chart.
 
 Reads the CSV that `flowmere-soak --rss-out FILE` writes (seconds,rss_kib,heap_kib) and plots
 resident memory and live heap in MiB against time, with the warm-up time and the allowed growth
@@ -8,6 +8,16 @@ over the warm-up sample marked. Python standard library only.
     python3 tools/flowmere-soak/plot_rss.py soak-rss.csv docs/images/soak-rss.svg \
         --warmup 60 --tolerance 8 --title "flowmere-soak, 600 s, asan-ubsan" \
         --compare "resident memory, release build=release-rss.csv"
+
+The PipeWire soak's CSV (tests/pipewire/soak-pipewire.sh --rss-out FILE: seconds, rss_kib,
+shmem_kib, ..., idle) is drawn in two panels instead: above, resident memory with its shared
+part (the PipeWire buffers the process maps, which come and go with the links); below, the
+private part (resident less shared) on its own scale, with the straight line fitted over the
+samples from --warmup seconds on (the soak's check) and its slope, and the idle sample after
+the run as a dot. --tolerance is then the allowed slope in MiB/min.
+
+    python3 tools/flowmere-soak/plot_rss.py pipewire-rss.csv docs/images/soak-pipewire-rss.svg \
+        --warmup 300 --tolerance 1 --title "PipeWire soak, 600 s"
 """
 
 import argparse
@@ -25,15 +35,19 @@ MARK_COLOUR = "#888888"
 LIMIT_COLOUR = "#d62728"
 
 
-def read_samples(path):
-    samples = []
+def read_rows(path):
+    """The CSV's rows as dictionaries of numbers."""
     with open(path, newline="") as handle:
-        for row in csv.DictReader(handle):
-            samples.append((float(row["seconds"]), float(row["rss_kib"]) / 1024.0,
-                            float(row["heap_kib"]) / 1024.0))
-    if not samples:
+        rows = [{key: float(value) for key, value in row.items()}
+                for row in csv.DictReader(handle)]
+    if not rows:
         sys.exit(f"plot_rss.py: no samples in {path}")
-    return samples
+    return rows
+
+
+def read_samples(path):
+    return [(row["seconds"], row["rss_kib"] / 1024.0, row["heap_kib"] / 1024.0)
+            for row in read_rows(path)]
 
 
 def nice_step(span, target_ticks):
@@ -154,6 +168,121 @@ def draw(samples, warmup, tolerance, title, compare=None):
     return "\n".join(parts) + "\n"
 
 
+SPLIT_HEIGHT = 600
+SHARED_COLOUR = "#ff7f0e"
+PRIVATE_COLOUR = "#2ca02c"
+
+
+def fit_line(points):
+    """Least-squares (slope, intercept) of [(x, y)]; a flat line through the mean when the x
+    values do not spread."""
+    mean_x = sum(x for x, _ in points) / len(points)
+    mean_y = sum(y for _, y in points) / len(points)
+    spread = sum((x - mean_x) ** 2 for x, _ in points)
+    if spread == 0:
+        return 0.0, mean_y
+    slope = sum((x - mean_x) * (y - mean_y) for x, y in points) / spread
+    return slope, mean_y - slope * mean_x
+
+
+def panel(parts, top, height, y_max, end_seconds, y_label):
+    """Draws one panel's grid, ticks and frame; returns its (x_of, y_of)."""
+    plot_width = WIDTH - LEFT - RIGHT
+    y_step = nice_step(y_max, 5)
+    y_max = math.ceil(y_max / y_step) * y_step
+
+    def x_of(seconds):
+        return LEFT + plot_width * seconds / end_seconds
+
+    def y_of(mib):
+        return top + height * (1.0 - mib / y_max)
+
+    tick = 0.0
+    while tick <= y_max + 1e-9:
+        parts.append(f'<line x1="{LEFT}" y1="{y_of(tick):.1f}" x2="{WIDTH - RIGHT}" '
+                     f'y2="{y_of(tick):.1f}" stroke="#e5e5e5"/>')
+        parts.append(f'<text x="{LEFT - 6}" y="{y_of(tick) + 4:.1f}" text-anchor="end">'
+                     f'{format_number(round(tick, 6))}</text>')
+        tick += y_step
+    x_step = nice_step(end_seconds, 10)
+    tick = 0.0
+    while tick <= end_seconds + 1e-9:
+        parts.append(f'<line x1="{x_of(tick):.1f}" y1="{top}" x2="{x_of(tick):.1f}" '
+                     f'y2="{top + height}" stroke="#f0f0f0"/>')
+        parts.append(f'<text x="{x_of(tick):.1f}" y="{top + height + 16}" '
+                     f'text-anchor="middle">{format_number(tick)}</text>')
+        tick += x_step
+    parts.append(f'<rect x="{LEFT}" y="{top}" width="{plot_width}" height="{height}" '
+                 f'fill="none" stroke="#333333"/>')
+    parts.append(f'<text transform="translate(18 {top + height / 2}) rotate(-90)" '
+                 f'text-anchor="middle">{escape(y_label)}</text>')
+    return x_of, y_of
+
+
+def draw_split(rows, fit_from, bound, title):
+    """The two-panel chart of a CSV with shared memory (see the module's comment)."""
+    running = [row for row in rows if not row.get("idle")]
+    idle = next((row for row in rows if row.get("idle")), None)
+    end_seconds = max(row["seconds"] for row in rows) or 1.0
+    resident = [(row["seconds"], row["rss_kib"] / 1024.0) for row in running]
+    shared = [(row["seconds"], row["shmem_kib"] / 1024.0) for row in running]
+    private = [(row["seconds"], (row["rss_kib"] - row["shmem_kib"]) / 1024.0) for row in running]
+    fitted = [point for point in private if point[0] >= fit_from] or private
+    slope, intercept = fit_line(fitted)
+
+    parts = [
+        f'<svg xmlns="http://www.w3.org/2000/svg" width="{WIDTH}" height="{SPLIT_HEIGHT}" '
+        f'viewBox="0 0 {WIDTH} {SPLIT_HEIGHT}" font-family="sans-serif" font-size="12">',
+        f'<rect width="{WIDTH}" height="{SPLIT_HEIGHT}" fill="white"/>',
+        f'<text x="{WIDTH / 2}" y="22" text-anchor="middle" font-size="14">{escape(title)}</text>',
+    ]
+    # Above: everything resident, and the shared part of it.
+    x_of, y_of = panel(parts, TOP, 250, max(v for _, v in resident) * 1.1 or 1.0, end_seconds,
+                       "resident MiB")
+    parts.append(polyline([(x_of(t), y_of(v)) for t, v in resident], RSS_COLOUR, 1.5))
+    parts.append(polyline([(x_of(t), y_of(v)) for t, v in shared], SHARED_COLOUR, 1, "4 2"))
+    # Below: the private part on its own scale, the fit and the idle sample.
+    values = [v for _, v in private] + ([(idle["rss_kib"] - idle["shmem_kib"]) / 1024.0]
+                                         if idle else [])
+    top = TOP + 250 + 50
+    x_of, y_of = panel(parts, top, SPLIT_HEIGHT - top - BOTTOM, max(values) * 1.3, end_seconds,
+                       "private MiB")
+    parts.append(polyline([(x_of(t), y_of(v)) for t, v in private], PRIVATE_COLOUR))
+    start = fitted[0][0]
+    parts.append(polyline([(x_of(start), y_of(intercept + slope * start)),
+                           (x_of(fitted[-1][0]), y_of(intercept + slope * fitted[-1][0]))],
+                          LIMIT_COLOUR, 1.5, "6 3"))
+    bound_text = f" (bound {format_number(bound)})" if bound is not None else ""
+    parts.append(f'<text x="{x_of(start) + 4:.1f}" y="{top + 16}" fill="{LIMIT_COLOUR}">'
+                 f'line fitted from {format_number(start)} s: {60 * slope:+.3f} MiB/min'
+                 f'{bound_text}</text>')
+    for mark_top, mark_bottom in ((TOP, TOP + 250), (top, SPLIT_HEIGHT - BOTTOM)):
+        parts.append(f'<line x1="{x_of(start):.1f}" y1="{mark_top}" x2="{x_of(start):.1f}" '
+                     f'y2="{mark_bottom}" stroke="{MARK_COLOUR}" stroke-dasharray="4 4"/>')
+    if idle:
+        value = (idle["rss_kib"] - idle["shmem_kib"]) / 1024.0
+        parts.append(f'<circle cx="{x_of(idle["seconds"]):.1f}" cy="{y_of(value):.1f}" r="3" '
+                     f'fill="{PRIVATE_COLOUR}"/>')
+        parts.append(f'<text x="{x_of(idle["seconds"]) - 6:.1f}" y="{y_of(value) + 16:.1f}" '
+                     f'text-anchor="end" fill="{PRIVATE_COLOUR}">idle after the run: '
+                     f'{value:.2f} MiB private, {idle["rss_kib"] / 1024.0:.1f} MiB resident'
+                     f'</text>')
+    parts.append(f'<text x="{LEFT + (WIDTH - LEFT - RIGHT) / 2}" y="{SPLIT_HEIGHT - 12}" '
+                 f'text-anchor="middle">time since start (s)</text>')
+    entries = [(RSS_COLOUR, "resident (VmRSS)", None),
+               (SHARED_COLOUR, "of which shared (RssShmem)", "4 2"),
+               (PRIVATE_COLOUR, "private: resident less shared", None)]
+    x = LEFT
+    for colour, label, dash in entries:
+        dash_attribute = f' stroke-dasharray="{dash}"' if dash else ""
+        parts.append(f'<line x1="{x}" y1="42" x2="{x + 24}" y2="42" stroke="{colour}" '
+                     f'stroke-width="2"{dash_attribute}/>')
+        parts.append(f'<text x="{x + 30}" y="46">{escape(label)}</text>')
+        x += 36 + 7 * len(label)
+    parts.append("</svg>")
+    return "\n".join(parts) + "\n"
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("csv", help="the samples, as flowmere-soak --rss-out writes them")
@@ -166,6 +295,11 @@ def main():
     parser.add_argument("--compare", metavar="LABEL=CSV",
                         help="another run's samples, whose resident memory is drawn dashed")
     arguments = parser.parse_args()
+    rows = read_rows(arguments.csv)
+    if "shmem_kib" in rows[0]:
+        with open(arguments.svg, "w") as handle:
+            handle.write(draw_split(rows, arguments.warmup, arguments.tolerance, arguments.title))
+        return
     samples = read_samples(arguments.csv)
     compare = None
     if arguments.compare:
