@@ -72,7 +72,7 @@ void PipeWireSourceStream::notifyPropertiesChanged(const platform::PropertyState
         if (auto self = std::static_pointer_cast<PipeWireSourceStream>(weak.lock())) {
           self->loopLock_.assertHeld();
           self->activeIndex_ = value;
-          self->updateOffers();
+          self->scheduleOffers(false);
         }
       });
     }
@@ -85,7 +85,7 @@ void PipeWireSourceStream::producerFormatChanged(std::optional<std::int64_t> ind
     if (auto self = std::static_pointer_cast<PipeWireSourceStream>(weak.lock())) {
       self->loopLock_.assertHeld();
       self->producerIndex_ = index;
-      self->updateOffers();
+      self->scheduleOffers(false);
     }
   });
 }
@@ -103,7 +103,34 @@ std::vector<const spa_pod*> PipeWireSourceStream::formatOffers(
   return buildFormatOffers(builder, formats, activeIndex_);
 }
 
-void PipeWireSourceStream::updateOffers() {
+void PipeWireSourceStream::scheduleOffers(bool renegotiate) {
+  renegotiate_ = renegotiate_ || renegotiate;
+  if (!stream_) {
+    return;
+  }
+  if (!offersTimer_) {
+    offersTimer_ = pw_loop_add_timer(loop_->loop(), &PipeWireSourceStream::onOffersTimer, this);
+    if (!offersTimer_) {
+      publishOffers();
+      return;
+    }
+  }
+  // Armed once: a change that comes while it runs joins the pending publication.
+  if (!offersPending_) {
+    offersPending_ = true;
+    timespec settle{0, kOffersSettleNanoseconds};
+    pw_loop_update_timer(loop_->loop(), offersTimer_, &settle, nullptr, false);
+  }
+}
+
+void PipeWireSourceStream::onOffersTimer(void* data, std::uint64_t /*expirations*/) {
+  auto* self = static_cast<PipeWireSourceStream*>(data);
+  self->loopLock_.assertHeld();
+  self->offersPending_ = false;
+  self->publishOffers();
+}
+
+void PipeWireSourceStream::publishOffers() {
   const auto formats = catalogue();
   if (!stream_ || !formats) {
     return;
@@ -114,25 +141,57 @@ void PipeWireSourceStream::updateOffers() {
   if (params.empty()) {
     return;
   }
+  // While the node streams, its links share one format, and a link that joins takes that format
+  // whatever the offers say: new offers would only make PipeWire renegotiate links. They wait
+  // until the node stops streaming, unless a link must move to the producer's format.
+  const bool streaming = state_ == PW_STREAM_STATE_STREAMING;
+  const bool move = formatIndex_ && producerIndex_ && *formatIndex_ != *producerIndex_;
+  if (streaming && !move && !renegotiate_) {
+    return;
+  }
+  std::vector<std::byte> offers;
+  for (const spa_pod* param : params) {
+    const auto* bytes = reinterpret_cast<const std::byte*>(param);
+    offers.insert(offers.end(), bytes, bytes + SPA_POD_SIZE(param));
+  }
+  if (offers == publishedOffers_ && !renegotiate_) {
+    return;  // nothing a link could negotiate differently
+  }
+  publishedOffers_ = std::move(offers);
+  renegotiate_ = false;
   spa_video_info_raw first{};
   if (spa_format_video_raw_parse(params.front(), &first) >= 0) {
     // Clients that link from now on see this format first; the log says when that begins.
     writeLog("[pipewire] " + nodeName_ + " offers " + describeVideoInfo(first) +
              (producerIndex_ ? " only" : " first"));
   }
-  // A link at a format that is no longer offered moves to the producer's: the node pauses
-  // around the new offers so that PipeWire renegotiates the link.
-  const bool renegotiate = formatIndex_ && producerIndex_ && *formatIndex_ != *producerIndex_;
-  if (renegotiate && state_ == PW_STREAM_STATE_STREAMING) {
+  if (streaming && move) {
     writeLog("[pipewire] " + nodeName_ + " moves its clients from index " +
              std::to_string(*formatIndex_) + " to the producer's index " +
              std::to_string(*producerIndex_));
+  }
+  if (streaming) {
     pw_stream_set_active(stream_, false);
   }
   pw_stream_update_params(stream_, params.data(), static_cast<std::uint32_t>(params.size()));
-  if (renegotiate) {
+  if (streaming) {
     pw_stream_set_active(stream_, true);
   }
+}
+
+void PipeWireSourceStream::streamingChanged(bool streaming) {
+  if (!streaming) {
+    scheduleOffers(false);  // what waited for the links to end
+  }
+}
+
+void PipeWireSourceStream::nodeDestroying() {
+  if (offersTimer_) {
+    pw_loop_destroy_source(loop_->loop(), offersTimer_);
+    offersTimer_ = nullptr;
+  }
+  offersPending_ = false;
+  publishedOffers_.clear();
 }
 
 BufferCount PipeWireSourceStream::bufferCount() const {
@@ -143,10 +202,12 @@ BufferCount PipeWireSourceStream::bufferCount() const {
 }
 
 void PipeWireSourceStream::formatRefused(std::int64_t index, const std::string& /*message*/) {
-  // A client negotiated a format just before a producer pinned another: move it over. A client
-  // that cannot take the producer's format fails its own link; others are not touched.
-  if (producerIndex_ && *producerIndex_ != index) {
-    updateOffers();
+  // A client negotiated a format the extension no longer takes (just before a producer pinned
+  // another, or while the stream was started at another): every link negotiates again, against
+  // the producer's format or the active one first. A client that cannot take it fails its own
+  // link; the others keep the format they have.
+  if (producerIndex_ != index) {
+    scheduleOffers(true);
   }
 }
 

@@ -15,9 +15,18 @@
 // follows, or its link fails). While no producer runs, the node offers the whole catalogue with
 // the active format first. A refusal of the extension never destroys the node.
 //
+// New offers reach a streaming node's links only when a link must move: PipeWire (0.3.65)
+// renegotiates one link of a running node when its offers change and leaves the node's other
+// links at the old format, with the node's buffers of the new one. So while the node streams,
+// offers change only to move the links to the producer's format (or after a refusal), with the
+// node paused around the change so that every link negotiates again; otherwise they wait until
+// the node stops streaming (a link that joins a streaming node takes its format anyway).
+// Changes that come together (the active format, then the producer's) are published once,
+// `kOffersSettleNanoseconds` after the first.
+//
 // Threads: as PipeWireStream. `sendSampleBuffer` runs on the sink's consume queue; it takes the
-// loop lock only to dequeue, and again to queue and trigger. `activeIndex_`, `producerIndex_`
-// and `sentSequence_` are GUARDED_BY the loop lock.
+// loop lock only to dequeue, and again to queue and trigger. Every other member is GUARDED_BY
+// the loop lock.
 
 #include "PipeWireStream.h"
 
@@ -31,6 +40,8 @@ class PipeWireSourceStream final : public PipeWireStream {
   static constexpr std::size_t kLinkBufferBudget = std::size_t{100} * 1024 * 1024;
   static constexpr int kMinimumBuffers = 4;
   static constexpr int kMaximumBuffers = 8;
+  // How long offer changes gather before they are published together.
+  static constexpr std::int64_t kOffersSettleNanoseconds = 30'000'000;
 
   using PipeWireStream::PipeWireStream;
 
@@ -49,16 +60,27 @@ class PipeWireSourceStream final : public PipeWireStream {
       REQUIRES(loopLock_);
   [[nodiscard]] BufferCount bufferCount() const override REQUIRES(loopLock_);
   void formatRefused(std::int64_t index, const std::string& message) override REQUIRES(loopLock_);
+  void streamingChanged(bool streaming) override REQUIRES(loopLock_);
+  void nodeDestroying() override REQUIRES(loopLock_);
 
  private:
-  // Loop thread: publishes the offers for the current active and producer formats, and moves a
-  // link whose format is no longer offered to the one that is.
-  void updateOffers() REQUIRES(loopLock_);
+  // Loop thread: the offers are published `kOffersSettleNanoseconds` from now, with the active
+  // and producer formats of then; `renegotiate` makes the links negotiate again even when the
+  // offers stay the same.
+  void scheduleOffers(bool renegotiate) REQUIRES(loopLock_);
+  static void onOffersTimer(void* data, std::uint64_t expirations);
+  // Publishes the offers when they changed (or a renegotiation was asked for), pausing the node
+  // around them while it streams so that every link negotiates again.
+  void publishOffers() REQUIRES(loopLock_);
 
   std::optional<std::int64_t> activeIndex_ GUARDED_BY(loopLock_);
   std::optional<std::int64_t> producerIndex_ GUARDED_BY(loopLock_);
   std::uint64_t sentSequence_ GUARDED_BY(loopLock_) = 0;
   std::uint64_t busyDrops_ GUARDED_BY(loopLock_) = 0;
+  spa_source* offersTimer_ GUARDED_BY(loopLock_) = nullptr;
+  bool offersPending_ GUARDED_BY(loopLock_) = false;  // `offersTimer_` is armed
+  bool renegotiate_ GUARDED_BY(loopLock_) = false;
+  std::vector<std::byte> publishedOffers_ GUARDED_BY(loopLock_);  // the offers' pods, as sent
 };
 
 }  // namespace flowmere::pipewire
