@@ -60,6 +60,7 @@ struct Receiver {
   spa_video_format format = SPA_VIDEO_FORMAT_UNKNOWN;  // the negotiated format; UNKNOWN while
   std::uint32_t width = 0;                             // there is none (width 0 then)
   std::uint32_t height = 0;
+  std::string lastFormat = "0x0 BGRA";  // the last format negotiated, for the summary
   TimestampLog log;
   std::uint64_t frames = 0;      // buffers whose frame number could be read
   std::uint64_t unreadable = 0;  // buffers too small or without the counter blocks
@@ -197,8 +198,9 @@ void onParamChanged(void* data, std::uint32_t id, const spa_pod* param) {
   receiver.format = info.format;
   receiver.width = info.size.width;
   receiver.height = info.size.height;
-  std::fprintf(stderr, "receiver: %ux%u %s\n", receiver.width, receiver.height,
-               info.format == SPA_VIDEO_FORMAT_BGRA ? "BGRA" : "P010");
+  receiver.lastFormat = std::to_string(receiver.width) + "x" + std::to_string(receiver.height) +
+                        (info.format == SPA_VIDEO_FORMAT_BGRA ? " BGRA" : " P010");
+  std::fprintf(stderr, "receiver: %s\n", receiver.lastFormat.c_str());
   if (!receiver.options.saveFrame.empty() && !receiver.frameSaved &&
       info.format == SPA_VIDEO_FORMAT_BGRA) {
     receiver.savedFrame.assign(static_cast<std::size_t>(receiver.width) * 4 * receiver.height, 0);
@@ -348,8 +350,8 @@ int runReceiver(int argc, char** argv) {
       static_cast<unsigned long long>(receiver.backwards),
       static_cast<unsigned long long>(receiver.unreadable));
   const double bufferSpan = static_cast<double>(receiver.lastBuffer - receiver.firstBuffer) / 1e9;
-  std::printf("got %llu buffers of %ux%u BGRA in %.2f s: %.2f a second\n",
-              static_cast<unsigned long long>(receiver.buffers), receiver.width, receiver.height,
+  std::printf("got %llu buffers of %s in %.2f s: %.2f a second\n",
+              static_cast<unsigned long long>(receiver.buffers), receiver.lastFormat.c_str(),
               bufferSpan,
               bufferSpan > 0 ? static_cast<double>(receiver.buffers - 1) / bufferSpan : 0.0);
   if (!options.saveFrame.empty()) {
