@@ -190,7 +190,13 @@ void PipeWireCameraService::stopNodes() {
   }
   for (const auto& stream : streams) {
     const LoopLocker lock(stream->loop().lock());
-    stream->stopNode();
+    stream->stopStreaming();
+  }
+  // Each node has its own loop: its threads stop before the node goes.
+  for (const auto& stream : streams) {
+    stream->loop().stopThreads();
+    const LoopLocker lock(stream->loop().lock());
+    stream->destroyNode();
   }
 }
 

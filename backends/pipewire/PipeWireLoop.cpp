@@ -3,6 +3,8 @@
 #include <spa/utils/result.h>
 
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -96,6 +98,31 @@ void PipeWireLoop::stop() {
     pw_context_destroy(context_);
     context_ = nullptr;
   }
+}
+
+void PipeWireLoop::stopThreads() {
+  pw_data_loop* data = nullptr;
+  {
+    const LoopLocker lock(lock_);
+    data = context_ ? pw_context_get_data_loop(context_) : nullptr;
+  }
+  // The data thread never takes the loop lock; the loop thread needs it to finish its turn.
+  if (data) {
+    pw_data_loop_stop(data);
+  }
+  if (running_) {
+    pw_thread_loop_stop(threadLoop_);
+    running_ = false;
+  }
+}
+
+void PipeWireLoop::runPending() {
+  // With no thread in the loop, an invocation runs at once, after everything queued before it.
+  pw_loop_invoke(
+      loop(),
+      [](spa_loop* /*loop*/, bool /*async*/, std::uint32_t /*seq*/, const void* /*data*/,
+         std::size_t /*size*/, void* /*user*/) { return 0; },
+      SPA_ID_INVALID, nullptr, 0, true, nullptr);
 }
 
 void PipeWireLoop::post(std::function<void()> work) {

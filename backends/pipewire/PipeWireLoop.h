@@ -85,6 +85,14 @@ class PipeWireLoop {
   // Any thread: runs `work` on the loop thread with the lock held, after earlier posts; never
   // waits. Dropped once the loop is stopping.
   void post(std::function<void()> work);
+  // Main thread, at shutdown, before the loop's nodes are destroyed: stops the data thread and
+  // the loop thread, for good. PipeWire hands a node's work between them (a graph cycle's process
+  // event to the loop, a relay's trigger to the data thread) with the stream's address, and
+  // would run it after `pw_stream_destroy` had freed the stream. With both stopped, what is left
+  // runs on the caller's thread, in `runPending` and in PipeWire's own calls.
+  void stopThreads() EXCLUDES(lock_);
+  // After `stopThreads`: runs what PipeWire queued for the loop thread, now.
+  void runPending() REQUIRES(lock_);
 
  private:
   static void onWork(void* data, std::uint64_t count);

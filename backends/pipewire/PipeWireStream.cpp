@@ -154,12 +154,11 @@ bool PipeWireStream::connectNode(const std::map<std::string, std::string>& ident
   return true;
 }
 
-void PipeWireStream::stopNode() {
+void PipeWireStream::stopStreaming() {
   loopLock_.assertHeld();
   if (started_) {
     endStreaming();
   }
-  destroyNode();
 }
 
 void PipeWireStream::destroyNode() {
@@ -176,6 +175,9 @@ void PipeWireStream::destroyNode() {
   }
   if (stream_) {
     spa_hook_remove(&listener_);
+    // Work PipeWire queued for the stopped loop thread names the stream: it runs first.
+    loop_->lock().assertHeld();  // the same lock, under the loop's name
+    loop_->runPending();
     pw_stream_destroy(stream_);
     stream_ = nullptr;
   }

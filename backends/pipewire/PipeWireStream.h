@@ -69,11 +69,12 @@ class PipeWireStream : public platform::Stream,
 
   // Loop lock: creates and connects the node. `identity` holds the device's node properties.
   bool connectNode(const std::map<std::string, std::string>& identity);
-  // Loop lock: takes every buffer back, then disconnects and destroys the node.
+  // Loop lock, at shutdown: a started stream is stopped as when its last peer leaves (the
+  // extension's stop is posted to the platform queue).
+  void stopStreaming();
+  // Loop lock, at shutdown, once the loop's threads have stopped: takes every buffer back,
+  // then disconnects and destroys the node.
   void destroyNode();
-  // Loop lock: at shutdown. A started stream is stopped first, as when its last peer leaves
-  // (the extension's stop is posted to the platform queue), then the node is destroyed.
-  void stopNode();
   // Loop thread: the loop's peer directory saw links or clients change.
   void peersChanged();
 
