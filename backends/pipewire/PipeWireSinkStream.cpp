@@ -1,6 +1,7 @@
 #include "PipeWireSinkStream.h"
 
 #include <spa/buffer/meta.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -101,6 +102,23 @@ void PipeWireSinkStream::nodeDestroying() {
     if (*timer) {
       pw_loop_destroy_source(loop_->loop(), *timer);
       *timer = nullptr;
+    }
+  }
+}
+
+void PipeWireSinkStream::bufferAdded(const std::shared_ptr<BufferSlot>& slot) {
+  // The producer writes its buffers, so their pages normally exist and mapping them costs
+  // little. Mapping them now, while the link is set up, keeps the first frames free of page
+  // faults: the consume loop paces every later frame by the first one's arrival, so a first
+  // frame slowed by faults would add its delay to every frame after it.
+  static const auto pageSize = static_cast<std::uint32_t>(sysconf(_SC_PAGESIZE));
+  const spa_buffer* buffer = slot->buffer()->buffer;
+  for (std::uint32_t index = 0; index < buffer->n_datas; ++index) {
+    const spa_data& block = buffer->datas[index];
+    if (const auto* bytes = static_cast<const volatile std::uint8_t*>(block.data)) {
+      for (std::uint32_t offset = 0; offset < block.maxsize; offset += pageSize) {
+        (void)bytes[offset];
+      }
     }
   }
 }

@@ -51,6 +51,7 @@ class PipeWireSinkStream final : public PipeWireStream {
   void handleProcessRequest() override REQUIRES(loopLock_);
   void streamingChanged(bool streaming) override REQUIRES(loopLock_);
   void nodeDestroying() override REQUIRES(loopLock_);
+  void bufferAdded(const std::shared_ptr<BufferSlot>& slot) override REQUIRES(loopLock_);
   void formatRefused(std::int64_t index, const std::string& message) override REQUIRES(loopLock_);
 
  private:

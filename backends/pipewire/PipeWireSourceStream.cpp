@@ -185,7 +185,12 @@ void PipeWireSourceStream::streamingChanged(bool streaming) {
   }
 }
 
+void PipeWireSourceStream::bufferAdded(const std::shared_ptr<BufferSlot>& slot) {
+  populator_.add(slot);
+}
+
 void PipeWireSourceStream::nodeDestroying() {
+  populator_.stop();
   if (offersTimer_) {
     pw_loop_destroy_source(loop_->loop(), offersTimer_);
     offersTimer_ = nullptr;

@@ -28,6 +28,7 @@
 // loop lock only to dequeue, and again to queue and trigger. Every other member is GUARDED_BY
 // the loop lock.
 
+#include "PagePopulator.h"
 #include "PipeWireStream.h"
 
 namespace flowmere::pipewire {
@@ -62,6 +63,8 @@ class PipeWireSourceStream final : public PipeWireStream {
   void formatRefused(std::int64_t index, const std::string& message) override REQUIRES(loopLock_);
   void streamingChanged(bool streaming) override REQUIRES(loopLock_);
   void nodeDestroying() override REQUIRES(loopLock_);
+  // A client's new buffers are faulted in by `populator_`, beside the relay.
+  void bufferAdded(const std::shared_ptr<BufferSlot>& slot) override REQUIRES(loopLock_);
 
  private:
   // Loop thread: the offers are published `kOffersSettleNanoseconds` from now, with the active
@@ -81,6 +84,7 @@ class PipeWireSourceStream final : public PipeWireStream {
   bool offersPending_ GUARDED_BY(loopLock_) = false;  // `offersTimer_` is armed
   bool renegotiate_ GUARDED_BY(loopLock_) = false;
   std::vector<std::byte> publishedOffers_ GUARDED_BY(loopLock_);  // the offers' pods, as sent
+  PagePopulator populator_;  // started and stopped on the loop thread
 };
 
 }  // namespace flowmere::pipewire

@@ -16,7 +16,6 @@ namespace flowmere::pipewire {
 namespace {
 
 constexpr std::size_t kPodBufferSize = 8192;
-constexpr std::uint32_t kPageSize = 4096;
 // How long a sink link that streams may wait for the registry to name its producer before the
 // stream starts with a stand-in client. The registry normally answers within milliseconds.
 constexpr std::int64_t kPeerWaitNanoseconds = 1'000'000'000;
@@ -204,26 +203,9 @@ void PipeWireStream::onParamChanged(void* data, std::uint32_t id, const spa_pod*
 void PipeWireStream::onAddBuffer(void* data, pw_buffer* buffer) {
   auto* self = static_cast<PipeWireStream*>(data);
   self->loopLock_.assertHeld();
-  self->slots_.push_back(std::make_shared<BufferSlot>(buffer));
-  if (!self->isSink()) {
-    // A client's new buffers are faulted in by the first copies into them, outside the loop
-    // lock. Touching them here would allocate every page of every buffer (8 x 33 MB at 4K,
-    // about 18 ms a buffer) while the lock is held, and the relay's next delivery would wait
-    // that long: a stall the consume loop's pacing would keep as latency afterwards.
-    return;
-  }
-  // The producer writes its buffers, so their pages normally exist and mapping them costs
-  // little. Mapping them now, while the link is set up, keeps the first frames free of page
-  // faults: the consume loop paces every later frame by the first one's arrival, so a first
-  // frame slowed by faults would add its delay to every frame after it.
-  for (std::uint32_t index = 0; index < buffer->buffer->n_datas; ++index) {
-    const spa_data& block = buffer->buffer->datas[index];
-    if (auto* bytes = static_cast<volatile std::uint8_t*>(block.data)) {
-      for (std::uint32_t offset = 0; offset < block.maxsize; offset += kPageSize) {
-        (void)bytes[offset];
-      }
-    }
-  }
+  auto slot = std::make_shared<BufferSlot>(buffer);
+  self->slots_.push_back(slot);
+  self->bufferAdded(slot);
 }
 
 void PipeWireStream::onRemoveBuffer(void* data, pw_buffer* buffer) {

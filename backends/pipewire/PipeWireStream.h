@@ -98,6 +98,8 @@ class PipeWireStream : public platform::Stream,
   virtual void streamingChanged(bool /*streaming*/) {}
   // The node is about to be destroyed: whatever waits on it is answered, its timers removed.
   virtual void nodeDestroying() {}
+  // PipeWire mapped a new buffer of the node (a link was set up).
+  virtual void bufferAdded(const std::shared_ptr<BufferSlot>& /*slot*/) {}
 
   // The catalogue of the extension's stream, or null once it is gone. Any thread.
   [[nodiscard]] std::shared_ptr<const platform::StreamFormatList> catalogue() const;
