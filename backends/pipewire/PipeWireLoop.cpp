@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <system_error>
 
 namespace flowmere::pipewire {
 
@@ -48,7 +49,8 @@ bool PipeWireLoop::start(const std::string& remoteName) {
   }
   core_ = pw_context_connect(context_, props, 0);
   if (!core_) {
-    std::fprintf(stderr, "[pipewire] could not connect to PipeWire: %s\n", std::strerror(errno));
+    std::fprintf(stderr, "[pipewire] could not connect to PipeWire: %s\n",
+                 std::generic_category().message(errno).c_str());
     return false;
   }
   static const pw_core_events coreEvents = [] {

@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 
 #include "PipeWireCameraService.h"
 
@@ -119,7 +120,8 @@ bool PipeWireStream::connectNode(const std::map<std::string, std::string>& ident
   loop_->lock().assertHeld();  // the same lock, under the loop's name
   stream_ = pw_stream_new(loop_->core(), nodeName_.c_str(), props);
   if (!stream_) {
-    writeLog("[pipewire] could not create node " + nodeName_ + ": " + std::strerror(errno));
+    writeLog("[pipewire] could not create node " + nodeName_ + ": " +
+             std::generic_category().message(errno));
     return false;
   }
   static const pw_stream_events events = [] {
