@@ -35,6 +35,16 @@ MARK_COLOUR = "#888888"
 LIMIT_COLOUR = "#d62728"
 
 
+def draw_legend(parts, entries):
+    """One row of (colour, label, dash pattern or None) entries between the title and the plot."""
+    x = LEFT
+    for colour, label, dash in entries:
+        dash_attribute = f' stroke-dasharray="{dash}"' if dash else ""
+        parts.append(f'<line x1="{x}" y1="42" x2="{x + 24}" y2="42" stroke="{colour}" '
+                     f'stroke-width="2"{dash_attribute}/>')
+        parts.append(f'<text x="{x + 30}" y="46">{escape(label)}</text>')
+        x += 36 + 7 * len(label)
+
 def read_rows(path):
     """The CSV's rows as dictionaries of numbers."""
     with open(path, newline="") as handle:
@@ -157,13 +167,7 @@ def draw(samples, warmup, tolerance, title, compare=None):
     entries = [(RSS_COLOUR, "resident memory", None), (HEAP_COLOUR, "live heap", None)]
     if compare:
         entries.append((COMPARE_COLOUR, compare[0], "6 3"))
-    x = LEFT
-    for colour, label, dash in entries:
-        dash_attribute = f' stroke-dasharray="{dash}"' if dash else ""
-        parts.append(f'<line x1="{x}" y1="42" x2="{x + 24}" y2="42" stroke="{colour}" '
-                     f'stroke-width="2"{dash_attribute}/>')
-        parts.append(f'<text x="{x + 30}" y="46">{escape(label)}</text>')
-        x += 36 + 7 * len(label)
+    draw_legend(parts, entries)
     parts.append("</svg>")
     return "\n".join(parts) + "\n"
 
@@ -272,13 +276,7 @@ def draw_split(rows, fit_from, bound, title):
     entries = [(RSS_COLOUR, "resident (VmRSS)", None),
                (SHARED_COLOUR, "of which shared (RssShmem)", "4 2"),
                (PRIVATE_COLOUR, "private: resident less shared", None)]
-    x = LEFT
-    for colour, label, dash in entries:
-        dash_attribute = f' stroke-dasharray="{dash}"' if dash else ""
-        parts.append(f'<line x1="{x}" y1="42" x2="{x + 24}" y2="42" stroke="{colour}" '
-                     f'stroke-width="2"{dash_attribute}/>')
-        parts.append(f'<text x="{x + 30}" y="46">{escape(label)}</text>')
-        x += 36 + 7 * len(label)
+    draw_legend(parts, entries)
     parts.append("</svg>")
     return "\n".join(parts) + "\n"
 
