@@ -11,12 +11,15 @@ void PagePopulator::add(std::shared_ptr<BufferSlot> slot) {
   {
     const std::scoped_lock lock(mutex_);
     pending_.push_back(std::move(slot));
+    if (running_) {
+      return;  // the worker takes it before it looks for an empty queue
+    }
+    running_ = true;
   }
-  if (!worker_.joinable()) {
-    worker_ = std::thread([this] { run(); });
-  } else {
-    wake_.notify_one();
+  if (worker_.joinable()) {
+    worker_.join();  // the previous worker found the queue empty and has returned
   }
+  worker_ = std::thread([this] { run(); });
 }
 
 void PagePopulator::stop() {
@@ -25,21 +28,21 @@ void PagePopulator::stop() {
     stopping_ = true;
     pending_.clear();
   }
-  wake_.notify_one();
   if (worker_.joinable()) {
     worker_.join();
   }
   const std::scoped_lock lock(mutex_);
   stopping_ = false;
+  running_ = false;
 }
 
 void PagePopulator::run() {
   for (;;) {
     std::shared_ptr<BufferSlot> slot;
     {
-      std::unique_lock lock(mutex_);
-      wake_.wait(lock, [this] { return stopping_ || !pending_.empty(); });
-      if (stopping_) {
+      const std::scoped_lock lock(mutex_);
+      if (stopping_ || pending_.empty()) {
+        running_ = false;
         return;
       }
       slot = std::move(pending_.front());

@@ -9,10 +9,11 @@
 //
 // Threads: `add` and `stop` on the node's loop thread (loop lock held); the worker never takes
 // the loop lock, and holds a buffer's BufferSlot pin while it touches the buffer, so PipeWire's
-// remove_buffer waits for it. `mutex_` guards `pending_` and `stopping_`; it is never held while
-// pages are touched. Started by the first `add`, joined by `stop` (or the destructor).
+// remove_buffer waits for it. `mutex_` guards `pending_`, `running_` and `stopping_`; it is
+// never held while pages are touched. The worker runs only while buffers wait (a link being set
+// up), so an idle camera keeps no thread for it: `add` starts it (joining the previous one, which
+// has finished), it ends when the queue is empty, and `stop` (or the destructor) joins it.
 
-#include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -31,8 +32,8 @@ class PagePopulator {
 
   // Queues the buffer's memory to be faulted in; a buffer revoked meanwhile is skipped.
   void add(std::shared_ptr<BufferSlot> slot);
-  // Drops what is queued, waits for the buffer being touched, ends the thread. `add` may start
-  // it again.
+  // Drops what is queued, waits for the buffer being touched and joins the thread. `add` may
+  // start it again.
   void stop();
 
   // Faults in every page of `slot`'s memory for writing, if it is not revoked. Any thread.
@@ -42,8 +43,8 @@ class PagePopulator {
   void run();
 
   std::mutex mutex_;
-  std::condition_variable wake_;
   std::deque<std::shared_ptr<BufferSlot>> pending_;  // by mutex_
+  bool running_ = false;                             // by mutex_: a worker is taking buffers
   bool stopping_ = false;                            // by mutex_
   std::thread worker_;                               // loop thread only
 };

@@ -3,7 +3,11 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstddef>
+#include <fstream>
+#include <string>
+#include <thread>
 #include <vector>
 
 #include "pipewire/PagePopulator.h"
@@ -87,6 +91,34 @@ TEST(PagePopulatorTest, LeavesARevokedBufferAlone) {
   slot.revoke();
   PagePopulator::populate(slot);
   EXPECT_EQ(shared.residentPages(), 0U);
+}
+
+// The number of threads of this process, from /proc.
+std::size_t threadCount() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.rfind("Threads:", 0) == 0) {
+      return std::stoul(line.substr(8));
+    }
+  }
+  return 0;
+}
+
+// The worker faults in what is queued and then ends: an idle camera keeps no thread for it.
+TEST(PagePopulatorTest, WorkerPopulatesQueuedBuffersThenEnds) {
+  const std::size_t before = threadCount();
+  SharedBuffer shared;
+  ASSERT_TRUE(shared.ok());
+  PagePopulator populator;
+  populator.add(std::make_shared<BufferSlot>(shared.buffer()));
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while ((shared.residentPages() < SharedBuffer::kPages || threadCount() > before) &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+  }
+  EXPECT_EQ(shared.residentPages(), SharedBuffer::kPages);
+  EXPECT_EQ(threadCount(), before) << "the worker stayed after its queue was empty";
 }
 
 // Stopping drops what is queued and ends the thread even when buffers were still waiting.
