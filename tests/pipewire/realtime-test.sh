@@ -86,11 +86,19 @@ done
 flow_pid=$!
 background+=("${flow_pid}")
 wait_for "grep -q 'producer: streaming' '${work}/flow-producer.err'" 10
-"${producer}" receive --seconds 3 >"${work}/flow.out" 2>"${work}/flow.err"
-# The frame count's status is written every 30 frames; the receiver's own "source stopped" may
-# be the latest status for up to a second.
+"${producer}" receive --seconds 4 >"${work}/flow.out" 2>"${work}/flow.err" &
+flow_receiver=$!
+# Read while the client captures: the frame count's status is written every 30 frames, so the
+# client's own "source started" is the latest status for up to a second.
+wait_for "grep -q 'receiver: first frame' '${work}/flow.err'" 10
 wait_for "grep -q '^received ' '${FLOWMERE_STATE}/bridge_extension_status'" 3
 status="$(cat "${FLOWMERE_STATE}/bridge_extension_status" 2>/dev/null)"
+wait "${flow_receiver}"
+# Not a check (see the issue notes): whether the count still grows once the client has gone.
+count_after="$(cat "${FLOWMERE_STATE}/bridge_frames_received" 2>/dev/null)"
+sleep 1.5
+count_later="$(cat "${FLOWMERE_STATE}/bridge_frames_received" 2>/dev/null)"
+echo "frames received by the sink, 1.5 s apart after the client left: ${count_after:-?} -> ${count_later:-?}"
 start_line="$(grep -n 'sink startStream started=true' "${work}/extension.log" | tail -1 | cut -d: -f1)"
 waiting="$(tail -n +"${start_line:-1}" "${work}/extension.log" | grep -c 'sink waiting')"
 if [ "${waiting}" -eq 0 ] && [[ "${status}" == received\ * ]]; then
