@@ -13,15 +13,10 @@ extension="${build}/tools/flowmere-camera-extension/flowmere-camera-extension"
 producer="${build}/tools/flowmere-camera-producer/flowmere-camera-producer"
 status_tool="${build}/tools/flowmere-camera-status/flowmere-camera-status"
 
-for tool in pipewire wireplumber dbus-daemon pw-cli gst-launch-1.0 gst-device-monitor-1.0; do
-  if ! command -v "${tool}" >/dev/null; then
-    echo "SKIP: ${tool} is not installed"
-    exit 77
-  fi
-done
 
 # shellcheck source=session.sh
 source "${here}/session.sh"
+require_tools pipewire wireplumber dbus-daemon pw-cli gst-launch-1.0 gst-device-monitor-1.0
 test_begin flowmere-camera-test
 
 # Starts the producer in the background with the arguments after $1, and waits until the camera

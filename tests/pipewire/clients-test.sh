@@ -15,15 +15,10 @@ here="$(cd "$(dirname "$0")" && pwd)"
 extension="${build}/tools/flowmere-camera-extension/flowmere-camera-extension"
 producer="${build}/tools/flowmere-camera-producer/flowmere-camera-producer"
 
-for tool in pipewire wireplumber dbus-daemon pw-cli; do
-  if ! command -v "${tool}" >/dev/null; then
-    echo "SKIP: ${tool} is not installed"
-    exit 77
-  fi
-done
 
 # shellcheck source=session.sh
 source "${here}/session.sh"
+require_tools pipewire wireplumber dbus-daemon pw-cli
 test_begin flowmere-clients-test
 
 # Fields of a receiver's summary ("received N frames in S s (F fps): numbers A..B, M missing,

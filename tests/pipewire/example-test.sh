@@ -13,26 +13,15 @@ extension="${build}/tools/flowmere-camera-extension/flowmere-camera-extension"
 producer="${build}/tools/flowmere-camera-producer/flowmere-camera-producer"
 example="${build}/examples/minimal-producer/minimal-producer"
 
-for tool in pipewire wireplumber dbus-daemon pw-cli; do
-  if ! command -v "${tool}" >/dev/null; then
-    echo "SKIP: ${tool} is not installed"
-    exit 77
-  fi
-done
 
 # shellcheck source=session.sh
 source "${here}/session.sh"
+require_tools pipewire wireplumber dbus-daemon pw-cli
 test_begin flowmere-example-test
 
 session_start || { echo "FAIL: no PipeWire session"; exit 1; }
 
-"${extension}" >"${work}/extension.log" 2>&1 &
-background+=("$!")
-if ! wait_for "grep -q 'flowmere-camera-sink connecting -> paused' '${work}/extension.log'" 10; then
-  fail "the extension published no sink node"
-  cat "${work}/extension.log"
-  exit 1
-fi
+start_extension
 
 # The client links first and captures for 3 s; the example runs meanwhile and is ended with
 # SIGINT, as Ctrl-C would, once the client is done.

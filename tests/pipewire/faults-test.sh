@@ -20,12 +20,6 @@ extension="${build}/tools/flowmere-camera-extension/flowmere-camera-extension"
 producer="${build}/tools/flowmere-camera-producer/flowmere-camera-producer"
 restart_delay=2
 
-for tool in pipewire wireplumber dbus-daemon pw-cli sqlite3 unshare; do
-  if ! command -v "${tool}" >/dev/null; then
-    echo "SKIP: ${tool} is not installed"
-    exit 77
-  fi
-done
 if ! unshare --mount --propagation private true 2>/dev/null; then
   echo "SKIP: no mount namespace can be made here (it takes root)"
   exit 77
@@ -33,6 +27,7 @@ fi
 
 # shellcheck source=session.sh
 source "${here}/session.sh"
+require_tools pipewire wireplumber dbus-daemon pw-cli sqlite3 unshare
 test_begin flowmere-faults-test
 trap faults_end EXIT
 

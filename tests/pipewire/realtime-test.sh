@@ -14,15 +14,10 @@ here="$(cd "$(dirname "$0")" && pwd)"
 extension="${build}/tools/flowmere-camera-extension/flowmere-camera-extension"
 producer="${build}/tools/flowmere-camera-producer/flowmere-camera-producer"
 
-for tool in pipewire wireplumber dbus-daemon pw-cli; do
-  if ! command -v "${tool}" >/dev/null; then
-    echo "SKIP: ${tool} is not installed"
-    exit 77
-  fi
-done
 
 # shellcheck source=session.sh
 source "${here}/session.sh"
+require_tools pipewire wireplumber dbus-daemon pw-cli
 test_begin flowmere-realtime-test
 
 # The frame rate in a receiver's summary line ("received N frames in S s (F fps): ...").
@@ -33,13 +28,7 @@ rate_at_least() { awk -v r="$(rate_of "$1")" -v min="$2" 'BEGIN { exit !(r != ""
 session_start || { echo "FAIL: no PipeWire session"; exit 1; }
 export FLOWMERE_STATE="${XDG_DATA_HOME}/group.com.flowmere.av.shared/com.flowmere.av.state"
 
-"${extension}" >"${work}/extension.log" 2>&1 &
-background+=("$!")
-if ! wait_for "grep -q 'flowmere-camera-sink connecting -> paused' '${work}/extension.log'" 10; then
-  fail "the extension published no sink node"
-  cat "${work}/extension.log"
-  exit 1
-fi
+start_extension
 
 # Runs one producer ($2...) with a receiver for 5 s; $1 is the join order: "producer-first" or
 # "client-first". The receiver's summary goes to ${work}/$3.out.

@@ -61,6 +61,29 @@ print_sanitizer_reports() {
   echo "--- sanitizer reports in $(basename "$1")"
   sed -n '/ERROR: \(Address\|Leak\)Sanitizer\|runtime error:/,/^SUMMARY:/p' "$1"
 }
+# Exits 77 (skipped) when one of the given programs is not installed.
+require_tools() {
+  local tool
+  for tool in "$@"; do
+    if ! command -v "${tool}" >/dev/null; then
+      echo "SKIP: ${tool} is not installed"
+      exit 77
+    fi
+  done
+}
+
+# Starts the service ($extension) in the background, its output in ${work}/extension.log, and
+# waits up to 10 s until it has published its sink node; fails the test otherwise.
+start_extension() {
+  "${extension}" >"${work}/extension.log" 2>&1 &
+  background+=("$!")
+  if ! wait_for "grep -q 'flowmere-camera-sink connecting -> paused' '${work}/extension.log'" 10; then
+    fail "the extension published no sink node"
+    cat "${work}/extension.log"
+    exit 1
+  fi
+}
+
 pass() { echo "PASS: $*"; }
 fail() {
   echo "FAIL: $*"

@@ -14,15 +14,10 @@ build="$(cd "${1:?usage: soak-pipewire.sh BUILD_DIR [options]}" && pwd)"
 shift
 here="$(cd "$(dirname "$0")" && pwd)"
 
-for tool in pipewire wireplumber dbus-daemon pw-cli python3; do
-  if ! command -v "${tool}" >/dev/null; then
-    echo "SKIP: ${tool} is not installed"
-    exit 77
-  fi
-done
 
 # shellcheck source=session.sh
 source "${here}/session.sh"
+require_tools pipewire wireplumber dbus-daemon pw-cli python3
 SESSION_PIDS=()
 trap '[ "${#SESSION_PIDS[@]}" -gt 0 ] && session_stop' EXIT
 session_start || { echo "FAIL: no PipeWire session"; exit 1; }

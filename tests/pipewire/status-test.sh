@@ -13,15 +13,10 @@ extension="${build}/tools/flowmere-camera-extension/flowmere-camera-extension"
 producer="${build}/tools/flowmere-camera-producer/flowmere-camera-producer"
 status_tool="${build}/tools/flowmere-camera-status/flowmere-camera-status"
 
-for tool in pipewire wireplumber dbus-daemon pw-cli jq; do
-  if ! command -v "${tool}" >/dev/null; then
-    echo "SKIP: ${tool} is not installed"
-    exit 77
-  fi
-done
 
 # shellcheck source=session.sh
 source "${here}/session.sh"
+require_tools pipewire wireplumber dbus-daemon pw-cli jq
 test_begin flowmere-status-test
 
 # Runs the status tool with the given options; its output lands in ${work}/status.out and its

@@ -13,15 +13,10 @@ here="$(cd "$(dirname "$0")" && pwd)"
 extension="${build}/tools/flowmere-camera-extension/flowmere-camera-extension"
 producer="${build}/tools/flowmere-camera-producer/flowmere-camera-producer"
 
-for tool in pipewire wireplumber dbus-daemon pw-cli ffmpeg; do
-  if ! command -v "${tool}" >/dev/null; then
-    echo "SKIP: ${tool} is not installed"
-    exit 77
-  fi
-done
 
 # shellcheck source=session.sh
 source "${here}/session.sh"
+require_tools pipewire wireplumber dbus-daemon pw-cli ffmpeg
 test_begin flowmere-stdin-test
 
 frame_bytes=$((1280 * 720 * 4))
@@ -30,13 +25,7 @@ testsrc=(-nostdin -loglevel error -f lavfi -i testsrc2=size=1280x720:rate=30 -t 
 
 session_start || { echo "FAIL: no PipeWire session"; exit 1; }
 
-"${extension}" >"${work}/extension.log" 2>&1 &
-background+=("$!")
-if ! wait_for "grep -q 'flowmere-camera-sink connecting -> paused' '${work}/extension.log'" 10; then
-  fail "the extension published no sink node"
-  cat "${work}/extension.log"
-  exit 1
-fi
+start_extension
 
 stops() { grep -c '^sink stopped$' "${work}/extension.log"; }
 

@@ -16,15 +16,10 @@ here="$(cd "$(dirname "$0")" && pwd)"
 extension="${build}/tools/flowmere-camera-extension/flowmere-camera-extension"
 producer="${build}/tools/flowmere-camera-producer/flowmere-camera-producer"
 
-for tool in valgrind pipewire wireplumber dbus-daemon pw-cli; do
-  if ! command -v "${tool}" >/dev/null; then
-    echo "SKIP: ${tool} is not installed"
-    exit 77
-  fi
-done
 
 # shellcheck source=session.sh
 source "${here}/session.sh"
+require_tools valgrind pipewire wireplumber dbus-daemon pw-cli
 test_begin flowmere-valgrind-exit
 
 # One run: the service under memcheck, a producer and a client, then the end named by $1.
