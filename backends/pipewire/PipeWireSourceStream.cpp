@@ -5,7 +5,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
+
+#include "FrameCopy.h"
 
 namespace flowmere::pipewire {
 
@@ -30,24 +31,6 @@ class AccessGuard {
  private:
   platform::ExternalMemory* memory_;
 };
-
-// Copies the planes of `pixels` into one block laid out as `layout`.
-void copyFrame(const platform::PixelBuffer& pixels, const FrameLayout& layout, std::byte* target) {
-  for (std::size_t index = 0; index < layout.planeCount; ++index) {
-    const platform::PixelBufferPlane& plane = pixels.plane(index);
-    std::byte* rows = target + layout.planeOffset(index);
-    const std::size_t rowBytes = std::min<std::size_t>(plane.bytesPerRow, layout.stride);
-    const std::uint32_t height = layout.planeHeight(index);
-    if (plane.bytesPerRow == layout.stride) {
-      std::memcpy(rows, plane.data, static_cast<std::size_t>(layout.stride) * height);
-      continue;
-    }
-    for (std::uint32_t y = 0; y < height; ++y) {
-      std::memcpy(rows + static_cast<std::size_t>(y) * layout.stride,
-                  plane.data + static_cast<std::size_t>(y) * plane.bytesPerRow, rowBytes);
-    }
-  }
-}
 
 }  // namespace
 

@@ -120,6 +120,7 @@ std::optional<FrameLayout> frameLayoutFor(const spa_video_info_raw& info, std::u
   const std::uint32_t bytesPerPixel = info.format == SPA_VIDEO_FORMAT_BGRA ? 4 : 2;
   const std::uint32_t packed = info.size.width * bytesPerPixel;
   layout.stride = stride >= packed ? stride : packed;
+  layout.rowBytes = packed;
   layout.planeCount = info.format == SPA_VIDEO_FORMAT_BGRA ? 1 : 2;
   layout.frameSize = static_cast<std::size_t>(layout.stride) * layout.height;
   if (layout.planeCount == 2) {

@@ -49,7 +49,8 @@ struct FrameLayout {
   platform::FourCharCode pixelFormat = 0;
   std::uint32_t width = 0;
   std::uint32_t height = 0;
-  std::uint32_t stride = 0;  // bytes per row, every plane
+  std::uint32_t stride = 0;    // bytes per row, every plane
+  std::uint32_t rowBytes = 0;  // bytes of pixels in a row, every plane (stride less padding)
   std::size_t planeCount = 0;
   std::size_t frameSize = 0;  // bytes of all planes together
   // Byte offset of plane `index` from the start of the frame.
