@@ -131,18 +131,20 @@ void onStateChanged(void* data, pw_stream_state /*old*/, pw_stream_state state, 
   producer.linked = producer.linked || producer.streaming;
   pw_loop* loop = pw_main_loop_get_loop(producer.loop);
   if (producer.streaming && !producer.options.live) {
-    // The schedule is the timer's own: it fires at the first frame's time and every period
-    // after, never early, so each tick finds its frame due.
-    const std::int64_t start = monotonicNanoseconds();
-    producer.nextDue = start;
-    const timespec first = timespecFor(start);
-    const timespec interval = timespecFor(producer.period);
-    pw_loop_update_timer(loop, producer.frameTimer, const_cast<timespec*>(&first),
-                         const_cast<timespec*>(&interval), true);
+    if (producer.reader) {
+      startSchedule(producer);
+    } else {
+      // The schedule starts once the first frame is drawn (see Producer::prepared): that frame
+      // then goes out at once, at its own time.
+      scheduleDrawing(producer, monotonicNanoseconds());
+    }
   } else if (producer.streaming && producer.reader) {
     pw_loop_signal_event(loop, producer.inputEvent);  // a frame that arrived before the link
-  } else {
+  }
+  if (!producer.streaming) {
     pw_loop_update_timer(loop, producer.frameTimer, nullptr, nullptr, false);
+    pw_loop_update_timer(loop, producer.prepareTimer, nullptr, nullptr, false);
+    producer.scheduled = false;
   }
   if (state == PW_STREAM_STATE_ERROR || state == PW_STREAM_STATE_UNCONNECTED) {
     pw_main_loop_quit(producer.loop);
@@ -180,6 +182,13 @@ void onAddBuffer(void* /*data*/, pw_buffer* buffer) {
     if (block.data) {
       std::memset(block.data, 0, block.maxsize);
     }
+  }
+}
+
+void onRemoveBuffer(void* data, pw_buffer* buffer) {
+  auto& producer = *static_cast<Producer*>(data);
+  if (producer.prepared == buffer) {
+    producer.prepared = nullptr;
   }
 }
 
@@ -252,6 +261,7 @@ bool connectProducer(Producer& producer, void (*process)(void*)) {
   producer.events.state_changed = onStateChanged;
   producer.events.param_changed = onParamChanged;
   producer.events.add_buffer = onAddBuffer;
+  producer.events.remove_buffer = onRemoveBuffer;
   producer.events.process = process;
   producer.stream =
       pw_stream_new_simple(loop, "flowmere-camera-producer", props, &producer.events, &producer);
@@ -280,6 +290,24 @@ bool connectProducer(Producer& producer, void (*process)(void*)) {
                    : "",
                options.target.c_str());
   return true;
+}
+
+void startSchedule(Producer& producer) {
+  // The schedule is the timer's own: it fires at the first frame's time and every period after,
+  // never early, so each tick finds its frame due.
+  const std::int64_t start = monotonicNanoseconds();
+  producer.nextDue = start;
+  producer.scheduled = true;
+  const timespec first = timespecFor(start);
+  const timespec interval = timespecFor(producer.period);
+  pw_loop_update_timer(pw_main_loop_get_loop(producer.loop), producer.frameTimer,
+                       const_cast<timespec*>(&first), const_cast<timespec*>(&interval), true);
+}
+
+void scheduleDrawing(Producer& producer, std::int64_t time) {
+  const timespec at = timespecFor(time);
+  pw_loop_update_timer(pw_main_loop_get_loop(producer.loop), producer.prepareTimer,
+                       const_cast<timespec*>(&at), nullptr, true);
 }
 
 void printSummary(const Producer& producer) {

@@ -47,6 +47,17 @@ struct Producer {
   spa_source* inputEvent = nullptr;   // the reader has a frame, or the input ended
   spa_source* finishTimer = nullptr;  // ends the run once the input's last frame went out
   spa_source* linkHint = nullptr;     // says so when the stream has not linked after a while
+  // The test pattern and a looped file are drawn one frame ahead, into a buffer kept dequeued
+  // until the frame's time, so that the frame is queued the moment it is due: drawing it then
+  // would put the drawing time, which varies from frame to frame, between the frame's time stamp
+  // and its arrival, and the camera, which spaces frames by their time stamps, would hold every
+  // frame that drew faster than the first one. `prepareTimer` draws the next frame half a period
+  // before its time, when the previous frame has long been relayed: drawing right after queueing
+  // would take a core from the relay of the frame just queued. `prepared` is the buffer holding
+  // the drawn frame, cleared when the link takes its buffers back.
+  spa_source* prepareTimer = nullptr;
+  bool scheduled = false;  // the frame timer runs (from the first drawn frame on)
+  pw_buffer* prepared = nullptr;
   bool finishing = false;
   bool driving = false;  // as last logged
   int exitStatus = 0;
@@ -66,6 +77,12 @@ void describeFormat(Producer& producer);
 // `process` as its process callback and connects it to the target. False, after a message on
 // stderr, when PipeWire refuses.
 bool connectProducer(Producer& producer, void (*process)(void*));
+
+// Starts the frame schedule now: the first frame is due at once, the next one period later.
+void startSchedule(Producer& producer);
+
+// Arms `prepareTimer` to draw the next frame at `time` (CLOCK_MONOTONIC ns; at once if past).
+void scheduleDrawing(Producer& producer, std::int64_t time);
 
 // "pushed N frames in S s (F fps), skipped K" on stdout, with the input's drops for --live.
 void printSummary(const Producer& producer);

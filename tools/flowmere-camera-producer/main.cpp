@@ -62,16 +62,18 @@ void fillFrame(Producer& producer, std::uint8_t* data, const FrameReader::Frame*
   }
 }
 
-// Fills `buffer` with the next frame, stamps it `pts` and queues it.
+// Fills `buffer` with the next frame (unless it was drawn ahead), stamps it `pts` and queues it.
 void sendFrame(Producer& producer, pw_buffer* buffer, std::int64_t pts,
-               const FrameReader::Frame* input) {
+               const FrameReader::Frame* input, bool drawn = false) {
   spa_data& block = buffer->buffer->datas[0];
   if (!block.data || block.maxsize < producer.layout.frameSize) {
     block.chunk->size = 0;
     pw_stream_queue_buffer(producer.stream, buffer);
     return;
   }
-  fillFrame(producer, static_cast<std::uint8_t*>(block.data), input);
+  if (!drawn) {
+    fillFrame(producer, static_cast<std::uint8_t*>(block.data), input);
+  }
   block.chunk->offset = 0;
   block.chunk->size = static_cast<std::uint32_t>(producer.layout.frameSize);
   block.chunk->stride = static_cast<std::int32_t>(producer.layout.stride);
@@ -89,6 +91,28 @@ void sendFrame(Producer& producer, pw_buffer* buffer, std::int64_t pts,
     producer.firstPush = flowmere::producer::monotonicNanoseconds();
   }
   ++producer.frame;
+}
+
+// Draws the next frame of the pattern or the looped file into a buffer of its own, ahead of its
+// time (see Producer::prepared), and starts the schedule after the first one.
+void onPrepare(void* data, std::uint64_t /*expirations*/) {
+  auto& producer = *static_cast<Producer*>(data);
+  if (!producer.streaming || producer.reader) {
+    return;
+  }
+  if (!producer.prepared) {
+    if (pw_buffer* buffer = pw_stream_dequeue_buffer(producer.stream)) {
+      spa_data& block = buffer->buffer->datas[0];
+      if (block.data && block.maxsize >= producer.layout.frameSize) {
+        fillFrame(producer, static_cast<std::uint8_t*>(block.data), nullptr);
+      }
+      producer.prepared = buffer;
+    }
+    // With every buffer still at the camera, the frame is drawn at its time instead.
+  }
+  if (!producer.scheduled) {
+    flowmere::producer::startSchedule(producer);
+  }
 }
 
 // A live input: each cycle sends the newest frame that has arrived, stamped with its arrival.
@@ -149,6 +173,13 @@ void processScheduled(Producer& producer) {
       return;
     }
   }
+  if (pw_buffer* prepared = producer.prepared) {
+    producer.prepared = nullptr;
+    sendFrame(producer, prepared, producer.nextDue, nullptr, true);
+    producer.nextDue += producer.period;
+    flowmere::producer::scheduleDrawing(producer, producer.nextDue - producer.period / 2);
+    return;
+  }
   pw_buffer* buffer = pw_stream_dequeue_buffer(producer.stream);
   if (!buffer) {
     // Every buffer is still with the camera: this time is skipped, as a camera drops a frame it
@@ -165,6 +196,9 @@ void processScheduled(Producer& producer) {
     producer.reader->giveBack(*input, true);
   }
   producer.nextDue += producer.period;
+  if (!producer.reader) {
+    flowmere::producer::scheduleDrawing(producer, producer.nextDue - producer.period / 2);
+  }
 }
 
 void onProcess(void* data) {
@@ -208,6 +242,8 @@ int main(int argc, char** argv) {
 
   pw_init(&argc, &argv);
   producer.loop = pw_main_loop_new(nullptr);
+  producer.prepareTimer =
+      pw_loop_add_timer(pw_main_loop_get_loop(producer.loop), &onPrepare, &producer);
   if (!flowmere::producer::connectProducer(producer, &onProcess)) {
     return 1;
   }
