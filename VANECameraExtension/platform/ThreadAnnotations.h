@@ -4,6 +4,7 @@
 // `-Wthread-safety` can check which lock guards which field. On other compilers the annotations
 // compile away and the types are plain std::mutex / std::recursive_mutex.
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
@@ -43,6 +44,14 @@ class ConditionVariable {
   void wait(Mutex& mutex) REQUIRES(mutex) {
     std::unique_lock<std::mutex> held(mutex.mutex_, std::adopt_lock);
     condition_.wait(held);
+    held.release();
+  }
+  // As `wait`, but returns by `deadline` at the latest.
+  template <typename Clock, typename Duration>
+  void waitUntil(Mutex& mutex, const std::chrono::time_point<Clock, Duration>& deadline)
+      REQUIRES(mutex) {
+    std::unique_lock<std::mutex> held(mutex.mutex_, std::adopt_lock);
+    condition_.wait_until(held, deadline);
     held.release();
   }
   void notifyAll() { condition_.notify_all(); }

@@ -2,10 +2,13 @@
 
 #include <pthread.h>
 
+#include <algorithm>
+
 namespace flowmere::common {
 
-WriteBehindFileManager::WriteBehindFileManager(PosixFileManager files)
-    : files_(std::move(files)), writer_([this] { run(); }) {}
+WriteBehindFileManager::WriteBehindFileManager(PosixFileManager files,
+                                               std::chrono::milliseconds spacing)
+    : files_(std::move(files)), spacing_(spacing), writer_([this] { run(); }) {}
 
 WriteBehindFileManager::~WriteBehindFileManager() {
   {
@@ -19,6 +22,8 @@ WriteBehindFileManager::~WriteBehindFileManager() {
 void WriteBehindFileManager::flush() {
   const platform::Locker lock(mutex_);
   const std::uint64_t target = accepted_;
+  flushTarget_ = std::max(flushTarget_, target);
+  wake_.notifyAll();  // a writer waiting out its spacing goes now
   while (written_ < target) {
     done_.wait(mutex_);
   }
@@ -82,16 +87,25 @@ void WriteBehindFileManager::temporaryDirectoryPath(std::string& path) {
 void WriteBehindFileManager::run() {
   pthread_setname_np(pthread_self(), "state-files");
   std::vector<Batch> batch;  // reused: its strings keep their storage between batches
+  // When the next round may start; a round starts at once after a quiet spell.
+  auto nextRound = std::chrono::steady_clock::now();
   while (true) {
     std::size_t count = 0;
     std::uint64_t upTo = 0;
     {
       const platform::Locker lock(mutex_);
-      while (written_ == accepted_ && !stopping_) {
-        wake_.wait(mutex_);
-      }
-      if (written_ == accepted_) {
-        return;  // stopping, and everything accepted is written
+      while (true) {
+        if (written_ == accepted_) {
+          if (stopping_) {
+            return;  // everything accepted is written
+          }
+          wake_.wait(mutex_);
+          continue;
+        }
+        if (stopping_ || flushTarget_ > written_ || std::chrono::steady_clock::now() >= nextRound) {
+          break;
+        }
+        wake_.waitUntil(mutex_, nextRound);
       }
       for (auto& [file, pending] : pending_) {
         if (!pending.dirty) {
@@ -107,6 +121,7 @@ void WriteBehindFileManager::run() {
       }
       upTo = accepted_;
     }
+    nextRound = std::chrono::steady_clock::now() + spacing_;
     for (std::size_t index = 0; index < count; ++index) {
       (void)files_.writeStringAtomicallyToPath(batch[index].file, batch[index].text);
     }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>  // mkdtemp
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -81,6 +82,28 @@ TEST_F(WriteBehindFileManagerTest, DestructionWritesWhatIsPending) {
     }
   }
   EXPECT_EQ(read("status"), "received 99");
+}
+
+// Rounds of writes are `spacing` apart: writes that come within it wait for the next round,
+// which takes only each file's newest text, and a flush or the destructor does not wait for it.
+// (An hour's spacing keeps the writer from starting a round on its own while the test runs.)
+TEST_F(WriteBehindFileManagerTest, WritesWithinTheSpacingWaitForTheNextRound) {
+  {
+    WriteBehindFileManager files(posix(), std::chrono::hours(1));
+    ASSERT_TRUE(files.writeStringAtomicallyToPath(path("status"), "received 1"));
+    files.flush();
+    ASSERT_EQ(read("status"), "received 1");
+    ASSERT_TRUE(files.writeStringAtomicallyToPath(path("status"), "received 30"));
+    ASSERT_TRUE(files.writeStringAtomicallyToPath(path("count"), "30"));
+    ASSERT_TRUE(files.writeStringAtomicallyToPath(path("status"), "received 60"));
+    EXPECT_EQ(read("status"), "received 1");
+    EXPECT_FALSE(fs::exists(directory_ / "count"));
+    files.flush();
+    EXPECT_EQ(read("status"), "received 60");
+    EXPECT_EQ(read("count"), "30");
+    ASSERT_TRUE(files.writeStringAtomicallyToPath(path("status"), "sink stopped"));
+  }
+  EXPECT_EQ(read("status"), "sink stopped");
 }
 
 // A write that fails on the writer thread (its directory is a file) neither blocks a flush nor
