@@ -76,10 +76,13 @@ chromium --headless=new --no-sandbox --disable-gpu --use-fake-ui-for-media-strea
   --enable-features=WebRtcPipeWireCamera --enable-logging=stderr --v=0 \
   --user-data-dir="${log}/profile" "file://${here}/browser-camera.html" >"${log}/chromium.log" 2>&1 &
 background+=("$!")
-wait_for "grep -q 'FLOWMERE result' '${log}/chromium.log'" 40
+wait_for "grep -q 'FLOWMERE result' '${log}/chromium.log'" 60
 
-devices="$(grep -o 'FLOWMERE devices [^"]*\[.*\]' "${log}/chromium.log" | head -1)"
+# The page opens the camera up to three times (see browser-camera.html): the list and the
+# result are those of the last attempt, and the attempts before it are shown.
+devices="$(grep -o 'FLOWMERE devices [^"]*\[.*\]' "${log}/chromium.log" | tail -1)"
 result="$(grep -o 'FLOWMERE result [^"]*' "${log}/chromium.log" | head -1)"
+grep -o 'FLOWMERE attempt [^"]*' "${log}/chromium.log" | sed 's/^/  Chromium: /'
 echo "  ${devices:-no device list}"
 echo "  ${result:-no result}"
 failures=0
