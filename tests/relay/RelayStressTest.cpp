@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <future>
 #include <thread>
 
@@ -75,6 +76,17 @@ TEST(RelayStressTest, ProducerAndClientCallsRaceWhileFramesFlow) {
   });
   controller.join();
   client.join();
+  // Whether any frame got through while the sink flipped on and off depends on how the threads
+  // were scheduled. What must hold is that the races leave a relay that still works: started
+  // again on the large frames' format, it delivers the frames the feeder keeps pushing.
+  std::size_t deliveredDuringRaces = 0;
+  {
+    const std::scoped_lock lock(harness.mutex);
+    deliveredDuringRaces = harness.scheduledOutputs.size();
+  }
+  EXPECT_TRUE(harness.startProducer(producer, 0).ok());
+  EXPECT_TRUE(harness.waitForScheduledOutputs(deliveredDuringRaces + 1, std::chrono::seconds(30)))
+      << "the relay delivered nothing after the races";
   done.store(true);
   feeder.join();
   (void)sink.stop();
@@ -95,7 +107,6 @@ TEST(RelayStressTest, ProducerAndClientCallsRaceWhileFramesFlow) {
   // A frame whose size stops matching the source's format in flight is dropped by the source, so
   // sends can only fall short of deliveries.
   EXPECT_LE(harness.sent.size(), harness.scheduledOutputs.size());
-  EXPECT_GT(harness.scheduledOutputs.size(), 0U);
   for (std::size_t i = 1; i < harness.scheduledOutputs.size(); ++i) {
     // Each producer buffer is delivered at most once and in order.
     ASSERT_LT(harness.scheduledOutputs[i - 1].sequenceNumber,

@@ -57,6 +57,7 @@ ExtensionHarness::ExtensionHarness(HarnessOptions options) : options_(options) {
         const std::scoped_lock lock(mutex);
         scheduledOutputs.push_back(output);
         scheduledOutputTimes.push_back(now);
+        scheduledOutputRecorded.notify_all();
       });
   service_->onPropertiesChanged(
       [this](const embedded::EmbeddedStream& stream, const platform::PropertyStateMap& changes) {
@@ -152,6 +153,12 @@ platform::Status ExtensionHarness::startProducer(
     }
   }
   return sinkPlatformStream().start();
+}
+
+bool ExtensionHarness::waitForScheduledOutputs(std::size_t count, std::chrono::milliseconds limit) {
+  std::unique_lock lock(mutex);
+  return scheduledOutputRecorded.wait_for(lock, limit,
+                                          [&] { return scheduledOutputs.size() >= count; });
 }
 
 std::vector<std::string> ExtensionHarness::logsStartingWith(const std::string& prefix,

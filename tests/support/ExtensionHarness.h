@@ -8,6 +8,7 @@
 // records from the platform and consume threads under `mutex`.
 
 #include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -111,6 +112,8 @@ class ExtensionHarness {
   // What the service observed. In real time, read only after the relay has quiesced, or under
   // `mutex`.
   std::mutex mutex;
+  // Notified, under `mutex`, each time a scheduled output is recorded.
+  std::condition_variable scheduledOutputRecorded;
   std::vector<std::string> logs;
   std::vector<SentFrame> sent;
   std::vector<platform::ScheduledOutput> scheduledOutputs;
@@ -119,6 +122,9 @@ class ExtensionHarness {
   std::vector<SettingsWrite> settingsWrites;
   std::vector<std::pair<std::string, std::string>> fileWrites;  // file name, text
 
+  // Real time: waits until at least `count` scheduled outputs are recorded, at most `limit`.
+  // True if they were.
+  bool waitForScheduledOutputs(std::size_t count, std::chrono::milliseconds limit);
   // Log lines that start with `prefix` (after the "[VANE-EXT] " tag, if `tagged`).
   [[nodiscard]] std::vector<std::string> logsStartingWith(const std::string& prefix,
                                                           bool tagged = true);
