@@ -71,26 +71,54 @@ void copyBytes(std::byte* target, const std::byte* source, std::size_t size) {
   fenceStreamingStores();
 }
 
-void copyFrame(const platform::PixelBuffer& pixels, const FrameLayout& layout, std::byte* target) {
-  const bool streaming = kHasStreamingStores && layout.frameSize >= kStreamingCopyThreshold;
-  const auto copy = streaming ? &streamBytes : &plainBytes;
-  for (std::size_t index = 0; index < layout.planeCount; ++index) {
+FrameCopyPlan planFrameCopy(const platform::PixelBuffer& pixels, const FrameLayout& layout,
+                            std::byte* target) {
+  FrameCopyPlan plan;
+  plan.streaming = kHasStreamingStores && layout.frameSize >= kStreamingCopyThreshold;
+  plan.planeCount = std::min(layout.planeCount, plan.planes.size());
+  for (std::size_t index = 0; index < plan.planeCount; ++index) {
     const platform::PixelBufferPlane& plane = pixels.plane(index);
-    std::byte* rows = target + layout.planeOffset(index);
-    const std::uint32_t height = layout.planeHeight(index);
-    if (plane.bytesPerRow == layout.stride) {
-      copy(rows, plane.data, static_cast<std::size_t>(layout.stride) * height);
-      continue;
-    }
-    const std::size_t rowBytes = std::min<std::size_t>(plane.bytesPerRow, layout.rowBytes);
-    for (std::uint32_t y = 0; y < height; ++y) {
-      copy(rows + static_cast<std::size_t>(y) * layout.stride,
-           plane.data + static_cast<std::size_t>(y) * plane.bytesPerRow, rowBytes);
-    }
+    PlaneRows& rows = plan.planes[index];
+    rows.target = target + layout.planeOffset(index);
+    rows.source = plane.data;
+    rows.sourceStride = plane.bytesPerRow;
+    rows.targetStride = layout.stride;
+    rows.rows = layout.planeHeight(index);
+    // Equal strides: the padding goes along, so that the rows stay one run of memory.
+    rows.rowBytes = plane.bytesPerRow == layout.stride
+                        ? layout.stride
+                        : std::min<std::size_t>(plane.bytesPerRow, layout.rowBytes);
   }
+  return plan;
+}
+
+void copyPlaneRows(const PlaneRows& plane, std::uint32_t first, std::uint32_t count,
+                   bool streaming) {
+  const auto copy = streaming ? &streamBytes : &plainBytes;
+  std::byte* target = plane.target + static_cast<std::size_t>(first) * plane.targetStride;
+  const std::byte* source = plane.source + static_cast<std::size_t>(first) * plane.sourceStride;
+  if (plane.rowBytes == plane.sourceStride && plane.rowBytes == plane.targetStride) {
+    copy(target, source, plane.rowBytes * count);
+    return;
+  }
+  for (std::uint32_t row = 0; row < count; ++row) {
+    copy(target + static_cast<std::size_t>(row) * plane.targetStride,
+         source + static_cast<std::size_t>(row) * plane.sourceStride, plane.rowBytes);
+  }
+}
+
+void fenceFrameCopy(bool streaming) {
   if (streaming) {
     fenceStreamingStores();
   }
+}
+
+void copyFrame(const platform::PixelBuffer& pixels, const FrameLayout& layout, std::byte* target) {
+  const FrameCopyPlan plan = planFrameCopy(pixels, layout, target);
+  for (std::size_t index = 0; index < plan.planeCount; ++index) {
+    copyPlaneRows(plan.planes[index], 0, plan.planes[index].rows, plan.streaming);
+  }
+  fenceFrameCopy(plan.streaming);
 }
 
 }  // namespace flowmere::pipewire

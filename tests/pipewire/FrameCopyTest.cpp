@@ -2,14 +2,17 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <utility>
 #include <vector>
 
 #include "pipewire/FrameCopy.h"
+#include "pipewire/ParallelCopy.h"
 #include "platform/FourCharCode.h"
 
 namespace flowmere::pipewire {
@@ -64,8 +67,12 @@ struct Plane {
 
 // Copies `planes` (BGRA or P010 of `width` x `height`) into a block with `targetStride` and
 // checks every row of every plane, and that a wider target's row padding is left alone.
+using Copier =
+    std::function<void(const platform::PixelBuffer&, const FrameLayout&, std::byte* target)>;
+
 void expectFrameCopied(std::uint32_t width, std::uint32_t height, spa_video_format format,
-                       std::span<Plane> planes, std::uint32_t targetStride) {
+                       std::span<Plane> planes, std::uint32_t targetStride,
+                       const Copier& copier = copyFrame) {
   spa_video_info_raw info{};
   info.format = format;
   info.size = spa_rectangle{width, height};
@@ -85,7 +92,7 @@ void expectFrameCopied(std::uint32_t width, std::uint32_t height, spa_video_form
   ASSERT_NE(pixels, nullptr);
 
   std::vector<std::byte> target(layout->frameSize, kGuard);
-  copyFrame(*pixels, *layout, target.data());
+  copier(*pixels, *layout, target.data());
 
   const std::size_t rowBytes =
       static_cast<std::size_t>(width) * (format == SPA_VIDEO_FORMAT_BGRA ? 4 : 2);
@@ -132,6 +139,68 @@ TEST(FrameCopyTest, CopyFrameCopiesBothPlanesOfP010) {
                                 Plane{pattern(kRowBytes * (kHeight / 2), 2), kRowBytes}};
     expectFrameCopied(kWidth, kHeight, SPA_VIDEO_FORMAT_P010_10LE, planes, targetStride);
   }
+}
+
+// Frames large enough to share, in every shape the chunks must cut right: rows padded on either
+// side (one chunk holds whole rows, never a row split across threads), a chunk size that does
+// not divide the rows (the last chunk is short), and the two planes of P010 (chunks numbered
+// across both). Each copier copies many frames in turn, as the relay does, so a helper thread
+// that touched one frame's plan after the caller moved on to the next would show here, and
+// under ThreadSanitizer as a race.
+// With no idle time allowed, the helper ends after nearly every copy, so the next copy joins it
+// and starts another while the frames keep coming.
+TEST(FrameCopyTest, ParallelCopyCopiesEveryRowOfLargeFramesAndOnlyThem) {
+  struct Case {
+    const char* name;
+    bool share;
+    std::chrono::nanoseconds idleExit;
+  };
+  for (const Case& setup : {Case{"shared with the helper", true, ParallelCopy::kIdleExit},
+                            Case{"shared with a helper that ends at once", true, {}},
+                            Case{"on the calling thread", false, ParallelCopy::kIdleExit}}) {
+    SCOPED_TRACE(setup.name);
+    const bool share = setup.share;
+    ParallelCopy parallel(share, setup.idleExit);
+    const Copier copier = [&parallel](const platform::PixelBuffer& pixels,
+                                      const FrameLayout& layout, std::byte* target) {
+      parallel.copyFrame(pixels, layout, target);
+    };
+    constexpr std::uint32_t kWidth = 1000;  // 4000-byte rows: 65 to a chunk, 17 chunks
+    constexpr std::uint32_t kHeight = 1080;
+    constexpr std::uint32_t kPacked = kWidth * 4;
+    for (std::uint32_t frame = 0; frame < 6; ++frame) {
+      const std::uint32_t sourceStride = frame % 2 == 0 ? kPacked : kPacked + 64;
+      const std::uint32_t targetStride = frame % 3 == 0 ? kPacked : kPacked + 32;
+      SCOPED_TRACE(testing::Message() << "frame " << frame << ", source stride " << sourceStride
+                                      << ", target stride " << targetStride);
+      std::array<Plane, 1> planes{
+          Plane{pattern(static_cast<std::size_t>(sourceStride) * kHeight, frame), sourceStride}};
+      expectFrameCopied(kWidth, kHeight, SPA_VIDEO_FORMAT_BGRA, planes, targetStride, copier);
+    }
+    constexpr std::uint32_t kP010Width = 1920;
+    constexpr std::size_t kRowBytes = std::size_t{kP010Width} * 2;
+    for (std::uint32_t frame = 0; frame < 4; ++frame) {
+      std::array<Plane, 2> planes{Plane{pattern(kRowBytes * kHeight, frame), kRowBytes},
+                                  Plane{pattern(kRowBytes * (kHeight / 2), frame + 7), kRowBytes}};
+      expectFrameCopied(kP010Width, kHeight, SPA_VIDEO_FORMAT_P010_10LE, planes,
+                        frame % 2 == 0 ? kP010Width * 2 : kP010Width * 2 + 128, copier);
+    }
+    if (!share) {
+      EXPECT_EQ(parallel.helperChunks(), 0U);
+    }
+  }
+}
+
+// Small frames stay on the calling thread (waking the helper would cost more than it saves), and
+// a copier whose helper never started ends without one.
+TEST(FrameCopyTest, ParallelCopyKeepsSmallFramesOnTheCallingThread) {
+  { ParallelCopy unused; }
+  ParallelCopy small;
+  std::array<Plane, 1> planes{Plane{pattern(std::size_t{64} * 4 * 64, 3), 64 * 4}};
+  expectFrameCopied(64, 64, SPA_VIDEO_FORMAT_BGRA, planes, 64 * 4,
+                    [&small](const platform::PixelBuffer& pixels, const FrameLayout& layout,
+                             std::byte* target) { small.copyFrame(pixels, layout, target); });
+  EXPECT_EQ(small.helperChunks(), 0U) << "a frame below the threshold was shared";
 }
 
 }  // namespace
