@@ -245,7 +245,8 @@ void PipeWireSourceStream::sendSampleBuffer(const std::shared_ptr<platform::Samp
     layout = *layout_;
   }
   AccessGuard targetGuard(target.get());
-  copyFrame(*pixels, layout, static_cast<std::byte*>(target->buffer()->buffer->datas[0].data));
+  copier_.copyFrame(*pixels, layout,
+                    static_cast<std::byte*>(target->buffer()->buffer->datas[0].data));
   targetGuard.end();
   inputGuard.end();
 

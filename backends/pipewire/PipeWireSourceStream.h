@@ -6,8 +6,9 @@
 //
 // The copy (the one copy a PipeWire relay needs: every link has its own buffers) runs without
 // the loop lock, into a buffer that the node has handed us and that stays ours until it is
-// queued. Both ends of the copy are pinned by their BufferSlots, so neither a client's link
-// being renegotiated nor the producer's can unmap them in the middle of it.
+// queued; large frames are copied by two threads (ParallelCopy). Both ends of the copy are pinned
+// by their BufferSlots, so neither a client's link being renegotiated nor the producer's can unmap
+// them in the middle of it.
 //
 // Formats: while a producer runs, the node offers only the producer's format, so every client
 // negotiates what it can actually get, and one that cannot take it fails its own link without
@@ -29,6 +30,7 @@
 // the loop lock.
 
 #include "PagePopulator.h"
+#include "ParallelCopy.h"
 #include "PipeWireStream.h"
 
 namespace flowmere::pipewire {
@@ -85,6 +87,7 @@ class PipeWireSourceStream final : public PipeWireStream {
   bool renegotiate_ GUARDED_BY(loopLock_) = false;
   std::vector<std::byte> publishedOffers_ GUARDED_BY(loopLock_);  // the offers' pods, as sent
   PagePopulator populator_;  // started and stopped on the loop thread
+  ParallelCopy copier_;      // sendSampleBuffer only; its helper thread ends with the stream
 };
 
 }  // namespace flowmere::pipewire
