@@ -142,8 +142,14 @@ else
 fi
 
 if [ "${failures}" -gt 0 ]; then
-  echo "--- chromium (errors)"; grep -E "ERROR|FLOWMERE" "${log}/chromium.log" | tail -20
+  # Chromium's complaints about the missing system bus say nothing about the camera.
+  echo "--- chromium (errors)"
+  grep -E "ERROR|FATAL|FLOWMERE" "${log}/chromium.log" | grep -vE "dbus/(bus|object_proxy)\.cc" |
+    tail -20
   echo "--- extension"; tail -20 "${log}/extension.log"
+  # The session's directory goes with the session: keep the logs of a failure for a look later.
+  kept="$(mktemp -d "${TMPDIR:-/tmp}/flowmere-browser-test.XXXXXX")"
+  cp -r "${log}/." "${kept}/" && echo "--- every log of this run is kept in ${kept}"
   exit 1
 fi
 echo "all browser checks passed"
