@@ -3,7 +3,6 @@
 #include <pthread.h>
 
 #include <algorithm>
-#include <limits>
 
 namespace flowmere::pipewire {
 
@@ -39,13 +38,12 @@ ParallelCopy::~ParallelCopy() {
   }
 }
 
-bool ParallelCopy::helperRunning() {
-  const std::lock_guard lock(mutex_);
-  return running_;
-}
-
 void ParallelCopy::copyFrame(const platform::PixelBuffer& pixels, const FrameLayout& layout,
                              std::byte* target) {
+  if (!share_ || layout.frameSize < kShareThreshold) {
+    pipewire::copyFrame(pixels, layout, target);
+    return;
+  }
   const FrameCopyPlan plan = planFrameCopy(pixels, layout, target);
   std::array<std::uint32_t, 2> chunkRows{};
   std::array<std::uint32_t, 2> chunkCounts{};
@@ -57,7 +55,7 @@ void ParallelCopy::copyFrame(const platform::PixelBuffer& pixels, const FrameLay
     chunkCounts[index] = (plane.rows + chunkRows[index] - 1) / chunkRows[index];
     chunks += chunkCounts[index];
   }
-  if (!share_ || layout.frameSize < kShareThreshold || chunks < 2 || chunks > kChunkMask) {
+  if (chunks < 2 || chunks > kChunkMask) {
     pipewire::copyFrame(pixels, layout, target);
     return;
   }

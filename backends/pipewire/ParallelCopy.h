@@ -2,7 +2,8 @@
 
 // Shares a large frame copy between the calling thread and one helper thread. The copy is bound
 // by how fast one core can move memory (about 10 GB/s on the 2-core VMs measured), so two cores
-// take about half the time: a 1080p BGRA copy from 0.61 to 0.31 ms, a 4K one from 3.7 to 1.9 ms.
+// take about half the time: a 1080p BGRA copy from 0.82 to 0.34 ms, a 4K one from 4.0 to 2.0 ms
+// (build/release/bench/pipewire/frame_copy_benchmark).
 //
 // The frame is cut into chunks of whole rows, about `kChunkBytes` each, and both threads claim
 // chunks from one counter until none is left. The caller never waits for the helper to start: if
@@ -53,8 +54,6 @@ class ParallelCopy {
   // The helper has finished its part when this returns.
   void copyFrame(const platform::PixelBuffer& pixels, const FrameLayout& layout, std::byte* target);
 
-  // Whether a helper thread is running now. Any thread.
-  [[nodiscard]] bool helperRunning();
   // Chunks the helper copied so far (for tests and benchmarks). Any thread.
   [[nodiscard]] std::uint64_t helperChunks() const {
     return helperChunks_.load(std::memory_order_relaxed);

@@ -184,6 +184,10 @@ int runDemo(const DemoOptions& options) {
   std::uint64_t pushed = 0;
   std::uint64_t refused = 0;
   std::vector<double> producerPts;
+  // When frame `frame` is pushed, on the schedule that starts at the first push.
+  const auto due = [&start, &options](std::uint64_t frame) {
+    return start + static_cast<std::int64_t>(static_cast<double>(frame) * 1e9 / options.fps);
+  };
   for (std::uint64_t k = 0; k < frames && !interrupted.load(); ++k) {
     // Drawn before its due time and pushed at it, as a camera pushes a frame when it is
     // captured: a frame pushed late by its drawing time, which varies by milliseconds, would be
@@ -192,9 +196,6 @@ int runDemo(const DemoOptions& options) {
     // Drawing waits a moment after the previous push: the relay's threads woken by that push
     // are queued on this core, and drawing at once (11 ms at 1080p) kept them waiting there for
     // up to a scheduler tick (2-4 ms) while the other core idled.
-    const auto due = [&](std::uint64_t frame) {
-      return start + static_cast<std::int64_t>(static_cast<double>(frame) * 1e9 / options.fps);
-    };
     if (k > 0) {
       sleepUntil(due(k - 1) + kDrawingPause);
     }
