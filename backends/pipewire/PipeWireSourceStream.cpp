@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 
 #include "FrameCopy.h"
 
@@ -162,6 +163,23 @@ void PipeWireSourceStream::publishOffers() {
   }
 }
 
+pw_buffer* PipeWireSourceStream::dequeueFreeBuffer() {
+  // pw_stream hands out its buffers in turn and refuses (EBUSY) one that a client still holds,
+  // putting it back at the end of the line: asking again for each buffer of the node skips every
+  // held one, so a client that keeps a buffer (a paused pipeline, or a process that died or was
+  // stopped with one) costs the others nothing while a buffer is free.
+  for (std::size_t attempt = 0; attempt <= slotCount(); ++attempt) {
+    errno = 0;
+    if (pw_buffer* buffer = pw_stream_dequeue_buffer(stream_)) {
+      return buffer;
+    }
+    if (errno != EBUSY) {
+      return nullptr;
+    }
+  }
+  return nullptr;
+}
+
 void PipeWireSourceStream::streamingChanged(bool streaming) {
   if (!streaming) {
     scheduleOffers(false);  // what waited for the links to end
@@ -223,7 +241,7 @@ void PipeWireSourceStream::sendSampleBuffer(const std::shared_ptr<platform::Samp
         pixels->planeCount() != layout_->planeCount) {
       return;
     }
-    pw_buffer* out = pw_stream_dequeue_buffer(stream_);
+    pw_buffer* out = dequeueFreeBuffer();
     if (!out) {
       // Every buffer is with the clients: this frame is dropped. Said at the first drop and
       // every 300th, as the relay's own per-frame lines are.

@@ -77,6 +77,8 @@ class PipeWireSourceStream final : public PipeWireStream {
   // Publishes the offers when they changed (or a renegotiation was asked for), pausing the node
   // around them while it streams so that every link negotiates again.
   void publishOffers() REQUIRES(loopLock_);
+  // A buffer of the node that no client holds, or null when every one is held or in flight.
+  [[nodiscard]] pw_buffer* dequeueFreeBuffer() REQUIRES(loopLock_);
 
   std::optional<std::int64_t> activeIndex_ GUARDED_BY(loopLock_);
   std::optional<std::int64_t> producerIndex_ GUARDED_BY(loopLock_);

@@ -111,6 +111,8 @@ class PipeWireStream : public platform::Stream,
   void postRestart(std::int64_t index) REQUIRES(loopLock_);
   // The slot of a buffer of this node, or null for one it does not know.
   [[nodiscard]] BufferSlot* slotFor(pw_buffer* buffer) const REQUIRES(loopLock_);
+  // How many buffers the node has now (those of its current links).
+  [[nodiscard]] std::size_t slotCount() const REQUIRES(loopLock_) { return slots_.size(); }
 
   PipeWireCameraService& service_;
   // Shared so that a frame released after the service has stopped (the last reference dropped
