@@ -21,7 +21,7 @@ set(CPACK_DEBIAN_PACKAGE_MAINTAINER "Flowmere camera developers <camera@flowmere
 set(CPACK_DEBIAN_PACKAGE_SECTION "video")
 set(CPACK_DEBIAN_PACKAGE_PRIORITY "optional")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "pipewire (>= 0.3.65)")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "pipewire (>= 0.3.65), fonts-dejavu-core")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "wireplumber")
 
 include(CPack)

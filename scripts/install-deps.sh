@@ -7,6 +7,8 @@ packages=(
   build-essential cmake ninja-build clang clang-format clang-tidy libclang-rt-14-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   nlohmann-json3-dev libsqlite3-dev sqlite3 locales zlib1g-dev pkg-config
+  # The idle picture: Cairo draws its text and scales a PNG of the user's; DejaVu is its font.
+  libcairo2-dev fonts-dejavu-core
   # The PipeWire backend, its programs, and the private session its tests start.
   libpipewire-0.3-dev libspa-0.2-dev pipewire pipewire-bin wireplumber dbus
   gstreamer1.0-pipewire gstreamer1.0-tools gstreamer1.0-plugins-base

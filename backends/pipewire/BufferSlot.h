@@ -14,7 +14,9 @@
 
 #include <pipewire/stream.h>
 
+#include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 
@@ -38,12 +40,21 @@ class BufferSlot final : public platform::ExternalMemory,
   void revoke();
   [[nodiscard]] bool revoked() const;
 
+  // What the buffer's memory holds besides a relayed frame: the idle picture of one drawing
+  // (its number), or 0. Written and read by the node under its loop lock; atomic so that the
+  // slot needs no lock for it.
+  [[nodiscard]] std::uint64_t pictureTag() const {
+    return pictureTag_.load(std::memory_order_relaxed);
+  }
+  void setPictureTag(std::uint64_t tag) { pictureTag_.store(tag, std::memory_order_relaxed); }
+
  private:
   pw_buffer* const buffer_;
   mutable std::mutex mutex_;
   std::condition_variable idle_;
   int users_ = 0;         // by mutex_
   bool revoked_ = false;  // by mutex_
+  std::atomic<std::uint64_t> pictureTag_{0};
 };
 
 }  // namespace flowmere::pipewire

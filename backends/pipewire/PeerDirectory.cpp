@@ -1,6 +1,8 @@
 #include "PeerDirectory.h"
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -68,7 +70,7 @@ void PeerDirectory::onGlobal(void* data, std::uint32_t id, std::uint32_t /*permi
     const auto output = numberProperty(props, PW_KEY_LINK_OUTPUT_NODE);
     const auto input = numberProperty(props, PW_KEY_LINK_INPUT_NODE);
     if (output && input) {
-      self->links_[id] = Link{*output, *input};
+      self->links_[id] = Link{*output, *input, ++self->linksSeen_};
       self->changed_();
     }
   } else if (std::strcmp(type, PW_TYPE_INTERFACE_Node) == 0) {
@@ -186,6 +188,28 @@ std::vector<std::shared_ptr<const platform::Client>> PeerDirectory::peersOf(
     }
   }
   return peers;
+}
+
+std::vector<PeerDirectory::PeerLink> PeerDirectory::linksOf(std::uint32_t nodeID) const {
+  std::vector<std::pair<std::uint64_t, PeerLink>> found;
+  for (const auto& [id, link] : links_) {
+    if (link.inputNode == nodeID || link.outputNode == nodeID) {
+      const std::uint32_t peer = link.inputNode == nodeID ? link.outputNode : link.inputNode;
+      found.emplace_back(link.order, PeerLink{id, clientForNode(peer)});
+    }
+  }
+  std::sort(found.begin(), found.end(),
+            [](const auto& left, const auto& right) { return left.first < right.first; });
+  std::vector<PeerLink> links;
+  links.reserve(found.size());
+  for (auto& [order, link] : found) {
+    links.push_back(std::move(link));
+  }
+  return links;
+}
+
+int PeerDirectory::destroyLink(std::uint32_t id) {
+  return registry_ ? pw_registry_destroy(registry_, id) : -ENOTCONN;
 }
 
 }  // namespace flowmere::pipewire

@@ -34,6 +34,18 @@ class PeerDirectory {
   [[nodiscard]] std::vector<std::shared_ptr<const platform::Client>> peersOf(
       std::uint32_t nodeID) const;
 
+  // One link of a node, with the client at its other end (null while the registry has not
+  // named it).
+  struct PeerLink {
+    std::uint32_t id = 0;
+    std::shared_ptr<const platform::Client> client;
+  };
+  // The links of `nodeID`, oldest first.
+  [[nodiscard]] std::vector<PeerLink> linksOf(std::uint32_t nodeID) const;
+  // Asks PipeWire to destroy link `id` (the service may remove links to its own nodes); both
+  // ends see the link go. Returns PipeWire's result.
+  int destroyLink(std::uint32_t id);
+
  private:
   struct ClientInfo {
     std::int32_t pid = -1;
@@ -45,6 +57,7 @@ class PeerDirectory {
   struct Link {
     std::uint32_t outputNode = 0;
     std::uint32_t inputNode = 0;
+    std::uint64_t order = 0;  // when the registry announced it (PipeWire reuses ids)
   };
 
   static void onGlobal(void* data, std::uint32_t id, std::uint32_t permissions, const char* type,
@@ -62,6 +75,7 @@ class PeerDirectory {
   std::map<std::uint32_t, std::uint32_t> nodeClients_;  // node id -> client id
   std::map<std::uint32_t, std::unique_ptr<ClientInfo>> clients_;
   std::map<std::uint32_t, Link> links_;
+  std::uint64_t linksSeen_ = 0;
 };
 
 }  // namespace flowmere::pipewire

@@ -100,7 +100,16 @@ std::shared_ptr<platform::Provider> PipeWireCameraService::createProvider(
 std::shared_ptr<platform::Device> PipeWireCameraService::createDevice(
     std::string localizedName, platform::Uuid deviceID,
     std::optional<std::string> /*legacyDeviceID*/, std::weak_ptr<platform::DeviceSource> source) {
+  {
+    const platform::Locker lock(cameraNameMutex_);
+    cameraName_ = localizedName;
+  }
   return std::make_shared<PipeWireDevice>(std::move(localizedName), deviceID, std::move(source));
+}
+
+std::string PipeWireCameraService::cameraName() const {
+  const platform::Locker lock(cameraNameMutex_);
+  return cameraName_.empty() ? std::string("Camera") : cameraName_;
 }
 
 std::shared_ptr<platform::Stream> PipeWireCameraService::createStream(

@@ -53,6 +53,8 @@ struct PipeWireOptions {
   std::optional<std::filesystem::path> containerParent;
   // Receives every log line; unset: standard error.
   std::function<void(std::string_view)> logSink;
+  // A PNG shown instead of the drawn idle card while no producer sends frames; unset: the card.
+  std::optional<std::filesystem::path> idlePicture;
 };
 
 // The platform on PipeWire. Created on the main thread; `shutdown` may be called from any
@@ -102,6 +104,8 @@ class PipeWireCameraService final : public platform::Platform {
   // Runs `work` on the platform queue, after everything posted before it.
   void postToPlatform(platform::Work work);
   void writeLog(std::string_view line);
+  // The camera's name (the device's), for the idle picture. Any thread.
+  [[nodiscard]] std::string cameraName() const;
   // Sink loop thread: the producer's format while a producer streams, none when it stops; the
   // source node offers only that format meanwhile.
   void producerFormatChanged(std::optional<std::int64_t> index);
@@ -119,6 +123,8 @@ class PipeWireCameraService final : public platform::Platform {
   std::shared_ptr<PipeWireLoop> sinkLoop_;
   std::shared_ptr<PipeWireLoop> sourceLoop_;
   std::shared_ptr<PipeWireProvider> provider_;  // main thread
+  mutable platform::Mutex cameraNameMutex_;
+  std::string cameraName_ GUARDED_BY(cameraNameMutex_);
 
   // The streams that are nodes; written on the main thread during start-up, read by the loops.
   std::mutex publishedMutex_;

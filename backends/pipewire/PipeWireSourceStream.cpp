@@ -2,12 +2,18 @@
 
 #include <spa/buffer/meta.h>
 #include <spa/param/video/format-utils.h>
+#include <spa/utils/result.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <string>
 
 #include "FrameCopy.h"
+#include "PipeWireCameraService.h"
 
 namespace flowmere::pipewire {
 
@@ -32,6 +38,40 @@ class AccessGuard {
  private:
   platform::ExternalMemory* memory_;
 };
+
+std::int64_t monotonicNanoseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+}
+
+// "gst-launch-1.0 (pid 4242)", as the log names a client.
+std::string describeClient(const std::shared_ptr<const platform::Client>& client) {
+  if (!client) {
+    return "an unknown client";
+  }
+  return client->description() +
+         (client->pid() > 0 ? " (pid " + std::to_string(client->pid()) + ")" : std::string());
+}
+
+// Whether process `pid` is stopped (by a signal or a debugger) or has ended: either way it
+// gives nothing back. Reads /proc/PID/stat, whose third field is the state.
+bool processStopped(std::int32_t pid) {
+  if (pid <= 0) {
+    return false;
+  }
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  if (!stat || !std::getline(stat, text)) {
+    return true;  // gone
+  }
+  const auto end = text.rfind(')');
+  if (end == std::string::npos || end + 2 >= text.size()) {
+    return false;
+  }
+  const char state = text[end + 2];
+  return state == 'T' || state == 't' || state == 'Z' || state == 'X';
+}
 
 }  // namespace
 
@@ -150,6 +190,11 @@ void PipeWireSourceStream::publishOffers() {
              (producerIndex_ ? " only" : " first"));
   }
   if (streaming && move) {
+    std::vector<std::uint32_t> moved;
+    for (const auto& link : links_) {
+      moved.push_back(link.id);
+    }
+    guard_.formatMoved(std::move(moved));
     writeLog("[pipewire] " + nodeName_ + " moves its clients from index " +
              std::to_string(*formatIndex_) + " to the producer's index " +
              std::to_string(*producerIndex_));
@@ -163,24 +208,27 @@ void PipeWireSourceStream::publishOffers() {
   }
 }
 
-pw_buffer* PipeWireSourceStream::dequeueFreeBuffer() {
+pw_buffer* PipeWireSourceStream::dequeueFreeBuffer(std::int64_t now) {
   // pw_stream hands out its buffers in turn and refuses (EBUSY) one that a client still holds,
   // putting it back at the end of the line: asking again for each buffer of the node skips every
   // held one, so a client that keeps a buffer (a paused pipeline, or a process that died or was
   // stopped with one) costs the others nothing while a buffer is free.
-  for (std::size_t attempt = 0; attempt <= slotCount(); ++attempt) {
+  for (std::size_t attempt = 0; attempt <= slots().size(); ++attempt) {
     errno = 0;
     if (pw_buffer* buffer = pw_stream_dequeue_buffer(stream_)) {
+      guard_.sendAttempt(now, true);
       return buffer;
     }
     if (errno != EBUSY) {
-      return nullptr;
+      break;  // none queued back yet: in flight, not held
     }
   }
+  guard_.sendAttempt(now, false);
   return nullptr;
 }
 
 void PipeWireSourceStream::streamingChanged(bool streaming) {
+  setTicking(streaming);
   if (!streaming) {
     scheduleOffers(false);  // what waited for the links to end
   }
@@ -192,6 +240,12 @@ void PipeWireSourceStream::bufferAdded(const std::shared_ptr<BufferSlot>& slot) 
 
 void PipeWireSourceStream::nodeDestroying() {
   populator_.stop();
+  setTicking(false);
+  if (tickTimer_) {
+    pw_loop_destroy_source(loop_->loop(), tickTimer_);
+    tickTimer_ = nullptr;
+  }
+  links_.clear();
   if (offersTimer_) {
     pw_loop_destroy_source(loop_->loop(), offersTimer_);
     offersTimer_ = nullptr;
@@ -235,13 +289,17 @@ void PipeWireSourceStream::sendSampleBuffer(const std::shared_ptr<platform::Samp
   FrameLayout layout;
   {
     const LoopLocker lock(loopLock_);
-    if (!stream_ || state_ != PW_STREAM_STATE_STREAMING || !layout_ ||
-        pixels->width() != layout_->width || pixels->height() != layout_->height ||
-        pixels->pixelFormat() != layout_->pixelFormat ||
+    if (!stream_ || !layout_ || pixels->width() != layout_->width ||
+        pixels->height() != layout_->height || pixels->pixelFormat() != layout_->pixelFormat ||
         pixels->planeCount() != layout_->planeCount) {
       return;
     }
-    pw_buffer* out = dequeueFreeBuffer();
+    const std::int64_t now = monotonicNanoseconds();
+    lastFrameArrival_ = now;  // the idle picture stays away while frames come, streaming or not
+    if (state_ != PW_STREAM_STATE_STREAMING) {
+      return;
+    }
+    pw_buffer* out = dequeueFreeBuffer(now);
     if (!out) {
       // Every buffer is with the clients: this frame is dropped. Said at the first drop and
       // every 300th, as the relay's own per-frame lines are.
@@ -259,6 +317,8 @@ void PipeWireSourceStream::sendSampleBuffer(const std::shared_ptr<platform::Samp
       pw_stream_queue_buffer(stream_, out);
       return;
     }
+    slot->setPictureTag(0);  // about to hold a relayed frame
+    setShowingIdle(false);
     target = slot->shared_from_this();
     layout = *layout_;
   }
@@ -272,7 +332,10 @@ void PipeWireSourceStream::sendSampleBuffer(const std::shared_ptr<platform::Samp
   if (!stream_ || target->revoked()) {
     return;  // the client's link was renegotiated during the copy: the buffer is gone
   }
-  pw_buffer* out = target->buffer();
+  queueFrame(target->buffer(), layout, static_cast<std::int64_t>(hostTimeInNanoseconds));
+}
+
+void PipeWireSourceStream::queueFrame(pw_buffer* out, const FrameLayout& layout, std::int64_t pts) {
   spa_data& data = out->buffer->datas[0];
   data.chunk->offset = 0;
   data.chunk->size = static_cast<std::uint32_t>(layout.frameSize);
@@ -282,7 +345,7 @@ void PipeWireSourceStream::sendSampleBuffer(const std::shared_ptr<platform::Samp
           spa_buffer_find_meta_data(out->buffer, SPA_META_Header, sizeof(spa_meta_header)))) {
     header->flags = 0;
     header->offset = 0;
-    header->pts = static_cast<std::int64_t>(hostTimeInNanoseconds);
+    header->pts = pts;
     header->dts_offset = 0;
     header->seq = ++sentSequence_;
   }
@@ -290,6 +353,180 @@ void PipeWireSourceStream::sendSampleBuffer(const std::shared_ptr<platform::Samp
   if (pw_stream_is_driving(stream_)) {
     pw_stream_trigger_process(stream_);
   }
+}
+
+// --- The tick: the idle picture and the client guard.
+
+void PipeWireSourceStream::setTicking(bool on) {
+  if (on == ticking_ || !stream_) {
+    return;
+  }
+  if (!tickTimer_) {
+    tickTimer_ = pw_loop_add_timer(loop_->loop(), &PipeWireSourceStream::onTick, this);
+    if (!tickTimer_) {
+      return;
+    }
+  }
+  ticking_ = on;
+  if (on) {
+    // The first tick at once: a client that opens the camera gets a picture without waiting.
+    timespec first{0, 1};
+    timespec interval{0, kTickNanoseconds};
+    pw_loop_update_timer(loop_->loop(), tickTimer_, &first, &interval, false);
+  } else {
+    pw_loop_update_timer(loop_->loop(), tickTimer_, nullptr, nullptr, false);
+    guard_.reset();
+    setShowingIdle(false);
+  }
+}
+
+void PipeWireSourceStream::onTick(void* data, std::uint64_t /*expirations*/) {
+  auto* self = static_cast<PipeWireSourceStream*>(data);
+  self->loopLock_.assertHeld();
+  self->tick();
+}
+
+void PipeWireSourceStream::tick() {
+  if (!stream_ || state_ != PW_STREAM_STATE_STREAMING) {
+    return;
+  }
+  const std::int64_t now = monotonicNanoseconds();
+  if (now - lastFrameArrival_ >= kIdleAfterNanoseconds) {
+    sendIdlePicture(now);
+  }
+  guardClients(now);
+}
+
+void PipeWireSourceStream::sendIdlePicture(std::int64_t now) {
+  if (!layout_) {
+    return;
+  }
+  const bool hlg = videoInfo_.transfer_function == kSpaTransferAribStdB67;
+  const std::optional<HdrTransfer> transfer =
+      layout_->pixelFormat == platform::kCVPixelFormatType_32BGRA
+          ? std::nullopt
+          : std::optional(hlg ? HdrTransfer::kHlg : HdrTransfer::kPq);
+  const auto& wanted = *layout_;
+  if (!idleCard_ || idleCard_->layout().width != wanted.width ||
+      idleCard_->layout().height != wanted.height || idleCard_->layout().stride != wanted.stride ||
+      idleCard_->layout().pixelFormat != wanted.pixelFormat || idleCardTransfer_ != transfer) {
+    std::string problem;
+    const std::optional<std::filesystem::path>& picture = service_.options().idlePicture;
+    const bool usable = picture && std::filesystem::is_regular_file(*picture);
+    if (picture && !usable) {
+      problem = picture->string() + ": no such file";
+    }
+    idleCard_ = IdleCard::draw(wanted, transfer, service_.cameraName(),
+                               usable ? picture : std::nullopt, problem);
+    idleCardTransfer_ = transfer;
+    ++idleCardTag_;
+    if (!problem.empty() && !idlePictureProblemLogged_) {
+      idlePictureProblemLogged_ = true;
+      writeLog("[pipewire] " + nodeName_ + " idle picture " + problem + ": showing the drawn card");
+    }
+    if (!idleCard_) {
+      return;
+    }
+  }
+  pw_buffer* out = dequeueFreeBuffer(now);
+  if (!out) {
+    return;
+  }
+  BufferSlot* slot = slotFor(out);
+  spa_data& data = out->buffer->datas[0];
+  if (!slot || !data.data || data.maxsize < wanted.frameSize) {
+    data.chunk->size = 0;
+    pw_stream_queue_buffer(stream_, out);
+    return;
+  }
+  auto* frame = static_cast<std::byte*>(data.data);
+  // A buffer keeps what was last written into it: the card is copied once per buffer, then only
+  // the bar changes.
+  if (slot->pictureTag() != idleCardTag_) {
+    std::memcpy(frame, idleCard_->pixels().data(), wanted.frameSize);
+    slot->setPictureTag(idleCardTag_);
+  }
+  idleCard_->drawBar(frame, now);
+  setShowingIdle(true);
+  queueFrame(out, wanted, now);
+}
+
+void PipeWireSourceStream::setShowingIdle(bool showing) {
+  if (showing == showingIdle_) {
+    return;
+  }
+  showingIdle_ = showing;
+  writeLog("[pipewire] " + nodeName_ +
+           (showing ? " shows the idle picture" : " shows the producer's frames"));
+  if (stream_) {
+    const spa_dict_item item = SPA_DICT_ITEM_INIT(kIdlePictureProperty, showing ? "true" : "false");
+    const spa_dict dict = SPA_DICT_INIT(&item, 1);
+    pw_stream_update_properties(stream_, &dict);
+  }
+}
+
+std::vector<ClientGuard::Link> PipeWireSourceStream::guardLinks() {
+  std::vector<ClientGuard::Link> links;
+  for (const auto& link : links_) {
+    ClientGuard::Link entry;
+    entry.id = link.id;
+    entry.client = describeClient(link.client);
+    entry.processStopped = link.client && processStopped(link.client->pid());
+    links.push_back(std::move(entry));
+  }
+  return links;
+}
+
+std::vector<ClientGuard::Buffer> PipeWireSourceStream::bufferStates() const {
+  std::vector<ClientGuard::Buffer> buffers;
+  buffers.reserve(slots().size());
+  for (const auto& slot : slots()) {
+    // pw_stream counts in the buffer's shared memory the holders of it: clients that took it and
+    // have not given it back.
+    const auto* busy = static_cast<const spa_meta_busy*>(
+        spa_buffer_find_meta_data(slot->buffer()->buffer, SPA_META_Busy, sizeof(spa_meta_busy)));
+    const bool held = busy && __atomic_load_n(&busy->count, __ATOMIC_RELAXED) > 0;
+    buffers.push_back(ClientGuard::Buffer{slot.get(), held});
+  }
+  return buffers;
+}
+
+void PipeWireSourceStream::guardClients(std::int64_t now) {
+  const std::vector<ClientGuard::Buffer> buffers = bufferStates();
+  const ClientGuard::Action action = guard_.check(
+      now, buffers, guard_.needsLinks(now) ? guardLinks() : std::vector<ClientGuard::Link>{});
+  switch (action.kind) {
+    case ClientGuard::Action::Kind::kNone:
+      return;
+    case ClientGuard::Action::Kind::kReclaim:
+      writeLog("[pipewire] " + nodeName_ + " reclaims its buffers: " + action.reason);
+      scheduleOffers(true);
+      return;
+    case ClientGuard::Action::Kind::kCut: {
+      const int result = loop_->peers().destroyLink(action.link);
+      writeLog(
+          "[pipewire] " + nodeName_ + " cuts off link " + std::to_string(action.link) + ": " +
+          action.reason +
+          (result < 0 ? std::string(" (failed: ") + spa_strerror(result) + ")" : std::string()));
+      return;
+    }
+  }
+}
+
+void PipeWireSourceStream::linksChanged() {
+  if (!stream_) {
+    return;
+  }
+  auto links = loop_->peers().linksOf(pw_stream_get_node_id(stream_));
+  const std::int64_t now = monotonicNanoseconds();
+  for (const auto& before : links_) {
+    const bool stays = std::any_of(links.begin(), links.end(),
+                                   [&](const auto& after) { return after.id == before.id; });
+    if (!stays) {
+      guard_.linkRemoved(now, describeClient(before.client), bufferStates());
+    }
+  }
+  links_ = std::move(links);
 }
 
 }  // namespace flowmere::pipewire

@@ -25,10 +25,20 @@
 // Changes that come together (the active format, then the producer's) are published once,
 // `kOffersSettleNanoseconds` after the first.
 //
+// While a client captures and no producer frame has come for `kIdleAfterNanoseconds` (or none
+// yet), the node sends the idle picture (IdleCard) at 30 fps: the platform's own picture, which
+// the extension never sees. A tick on the loop thread, armed only while the node streams, sends
+// it and lets the ClientGuard look at the node's buffers; the guard's verdicts (reclaim the
+// buffers, cut a client's link) are carried out here and logged once each.
+//
 // Threads: as PipeWireStream. `sendSampleBuffer` runs on the sink's consume queue; it takes the
 // loop lock only to dequeue, and again to queue and trigger. Every other member is GUARDED_BY
 // the loop lock.
 
+#include <climits>
+
+#include "ClientGuard.h"
+#include "IdleCard.h"
 #include "PagePopulator.h"
 #include "ParallelCopy.h"
 #include "PipeWireStream.h"
@@ -45,6 +55,12 @@ class PipeWireSourceStream final : public PipeWireStream {
   static constexpr int kMaximumBuffers = 8;
   // How long offer changes gather before they are published together.
   static constexpr std::int64_t kOffersSettleNanoseconds = 30'000'000;
+  // How long after the last producer frame the idle picture comes back (the sink's own waiting
+  // threshold), and its frame interval.
+  static constexpr std::int64_t kIdleAfterNanoseconds = 500'000'000;
+  static constexpr std::int64_t kTickNanoseconds = 33'333'333;
+  // The node property that says whether the node shows the idle picture ("true"/"false").
+  static constexpr const char* kIdlePictureProperty = "flowmere.idle-picture";
 
   using PipeWireStream::PipeWireStream;
 
@@ -67,6 +83,7 @@ class PipeWireSourceStream final : public PipeWireStream {
   void nodeDestroying() override REQUIRES(loopLock_);
   // A client's new buffers are faulted in by `populator_`, beside the relay.
   void bufferAdded(const std::shared_ptr<BufferSlot>& slot) override REQUIRES(loopLock_);
+  void linksChanged() override REQUIRES(loopLock_);
 
  private:
   // Loop thread: the offers are published `kOffersSettleNanoseconds` from now, with the active
@@ -78,7 +95,21 @@ class PipeWireSourceStream final : public PipeWireStream {
   // around them while it streams so that every link negotiates again.
   void publishOffers() REQUIRES(loopLock_);
   // A buffer of the node that no client holds, or null when every one is held or in flight.
-  [[nodiscard]] pw_buffer* dequeueFreeBuffer() REQUIRES(loopLock_);
+  // Tells the guard whether one was found.
+  [[nodiscard]] pw_buffer* dequeueFreeBuffer(std::int64_t now) REQUIRES(loopLock_);
+  // Stamps and queues a filled buffer, and starts a graph cycle.
+  void queueFrame(pw_buffer* out, const FrameLayout& layout, std::int64_t pts) REQUIRES(loopLock_);
+
+  static void onTick(void* data, std::uint64_t expirations);
+  void tick() REQUIRES(loopLock_);
+  void setTicking(bool on) REQUIRES(loopLock_);
+  // Sends one idle frame, drawing the card first when the format changed.
+  void sendIdlePicture(std::int64_t now) REQUIRES(loopLock_);
+  void setShowingIdle(bool showing) REQUIRES(loopLock_);
+  // Lets the guard look at the buffers and links, and does what it decides.
+  void guardClients(std::int64_t now) REQUIRES(loopLock_);
+  [[nodiscard]] std::vector<ClientGuard::Link> guardLinks() REQUIRES(loopLock_);
+  [[nodiscard]] std::vector<ClientGuard::Buffer> bufferStates() const REQUIRES(loopLock_);
 
   std::optional<std::int64_t> activeIndex_ GUARDED_BY(loopLock_);
   std::optional<std::int64_t> producerIndex_ GUARDED_BY(loopLock_);
@@ -88,6 +119,18 @@ class PipeWireSourceStream final : public PipeWireStream {
   bool offersPending_ GUARDED_BY(loopLock_) = false;  // `offersTimer_` is armed
   bool renegotiate_ GUARDED_BY(loopLock_) = false;
   std::vector<std::byte> publishedOffers_ GUARDED_BY(loopLock_);  // the offers' pods, as sent
+  spa_source* tickTimer_ GUARDED_BY(loopLock_) = nullptr;
+  bool ticking_ GUARDED_BY(loopLock_) = false;
+  ClientGuard guard_ GUARDED_BY(loopLock_);
+  // The node's links at the last look, to tell who left.
+  std::vector<PeerDirectory::PeerLink> links_ GUARDED_BY(loopLock_);
+  // When the last producer frame of the negotiated size arrived; none yet: far in the past.
+  std::int64_t lastFrameArrival_ GUARDED_BY(loopLock_) = INT64_MIN / 2;
+  bool showingIdle_ GUARDED_BY(loopLock_) = false;
+  std::optional<IdleCard> idleCard_ GUARDED_BY(loopLock_);
+  std::optional<HdrTransfer> idleCardTransfer_ GUARDED_BY(loopLock_);
+  std::uint64_t idleCardTag_ GUARDED_BY(loopLock_) = 0;  // BufferSlot picture tag of the card
+  bool idlePictureProblemLogged_ GUARDED_BY(loopLock_) = false;
   PagePopulator populator_;  // started and stopped on the loop thread
   ParallelCopy copier_;      // sendSampleBuffer only; its helper thread ends with the stream
 };

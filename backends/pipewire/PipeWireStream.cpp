@@ -342,6 +342,7 @@ void PipeWireStream::postRestart(std::int64_t index) {
 void PipeWireStream::peersChanged() {
   loopLock_.assertHeld();
   updateStreamingClients();
+  linksChanged();
   if (waitingForPeer_ && !streamingClients().empty()) {
     waitingForPeer_ = false;
     pw_loop_update_timer(loop_->loop(), peerTimer_, nullptr, nullptr, false);

@@ -100,6 +100,8 @@ class PipeWireStream : public platform::Stream,
   virtual void nodeDestroying() {}
   // PipeWire mapped a new buffer of the node (a link was set up).
   virtual void bufferAdded(const std::shared_ptr<BufferSlot>& /*slot*/) {}
+  // The registry saw the node's links or their clients change.
+  virtual void linksChanged() {}
 
   // The catalogue of the extension's stream, or null once it is gone. Any thread.
   [[nodiscard]] std::shared_ptr<const platform::StreamFormatList> catalogue() const;
@@ -111,8 +113,10 @@ class PipeWireStream : public platform::Stream,
   void postRestart(std::int64_t index) REQUIRES(loopLock_);
   // The slot of a buffer of this node, or null for one it does not know.
   [[nodiscard]] BufferSlot* slotFor(pw_buffer* buffer) const REQUIRES(loopLock_);
-  // How many buffers the node has now (those of its current links).
-  [[nodiscard]] std::size_t slotCount() const REQUIRES(loopLock_) { return slots_.size(); }
+  // The node's buffers now (those of its current links).
+  [[nodiscard]] const std::vector<std::shared_ptr<BufferSlot>>& slots() const REQUIRES(loopLock_) {
+    return slots_;
+  }
 
   PipeWireCameraService& service_;
   // Shared so that a frame released after the service has stopped (the last reference dropped

@@ -12,11 +12,32 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include "VANEProbeExtensionProvider.h"
 #include "pipewire/PipeWireCameraService.h"
+
+namespace {
+
+// Where the user may put the picture shown while no producer runs:
+// $XDG_CONFIG_HOME/flowmere/idle.png, or ~/.config/flowmere/idle.png.
+std::optional<std::filesystem::path> idlePicturePath() {
+  const char* config = std::getenv("XDG_CONFIG_HOME");
+  if (config && *config == '/') {
+    return std::filesystem::path(config) / "flowmere" / "idle.png";
+  }
+  const char* home = std::getenv("HOME");
+  if (home && *home == '/') {
+    return std::filesystem::path(home) / ".config" / "flowmere" / "idle.png";
+  }
+  return std::nullopt;
+}
+
+}  // namespace
 
 int main(int argc, char** /*argv*/) {
   if (argc > 1) {
@@ -32,7 +53,9 @@ int main(int argc, char** /*argv*/) {
   sigaddset(&signals, SIGUSR1);  // main's wake-up for the signal thread at the end
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-  auto service = flowmere::pipewire::PipeWireCameraService::create({});
+  flowmere::pipewire::PipeWireOptions options;
+  options.idlePicture = idlePicturePath();
+  auto service = flowmere::pipewire::PipeWireCameraService::create(std::move(options));
   if (!service) {
     std::fputs("flowmere-camera-extension: PipeWire is not available\n", stderr);
     return 1;

@@ -5,7 +5,8 @@
 // on the frame size. The link may change format while it streams (the camera follows its
 // producer's format); each new format is announced on stderr. Frames without the pattern (a video
 // piped into the producer) are counted too, as buffers, and with --save-frame the first BGRA
-// frame's bytes are kept, for a comparison with what was sent.
+// frame's bytes are kept, for a comparison with what was sent. The camera's idle picture is
+// counted apart ("idle pictures: ..."), never as a frame or a buffer.
 
 #include "Receiver.h"
 
@@ -31,6 +32,7 @@
 #include "FramePattern.h"
 #include "ProducerOptions.h"
 #include "TimestampLog.h"
+#include "pipewire/IdleCard.h"
 #include "pipewire/SpaFormats.h"
 
 namespace flowmere::producer {
@@ -64,9 +66,14 @@ struct Receiver {
   TimestampLog log;
   std::uint64_t frames = 0;      // buffers whose frame number could be read
   std::uint64_t unreadable = 0;  // buffers too small or without the counter blocks
-  std::uint64_t missing = 0;     // numbers skipped between consecutive frames
-  std::uint64_t repeated = 0;    // a frame number equal to the one before
-  std::uint64_t backwards = 0;   // a frame number lower than the one before
+  // The camera's idle picture, shown while no producer sends frames: its counter blocks read
+  // as kIdleCounter.
+  std::uint64_t idle = 0;
+  std::int64_t firstIdle = 0;
+  std::int64_t lastIdle = 0;
+  std::uint64_t missing = 0;    // numbers skipped between consecutive frames
+  std::uint64_t repeated = 0;   // a frame number equal to the one before
+  std::uint64_t backwards = 0;  // a frame number lower than the one before
   std::optional<std::uint32_t> firstNumber;
   std::uint32_t lastNumber = 0;
   std::int64_t firstReceive = 0;
@@ -142,11 +149,21 @@ void onProcess(void* data) {
   auto& receiver = *static_cast<Receiver*>(data);
   while (pw_buffer* buffer = pw_stream_dequeue_buffer(receiver.stream)) {
     const std::int64_t now = monotonicNanoseconds();
-    countBuffer(receiver, buffer->buffer->datas[0], now);
     const std::optional<std::uint32_t> number = counterOf(receiver, buffer->buffer->datas[0]);
+    if (number != pipewire::IdleCard::kIdleCounter) {
+      countBuffer(receiver, buffer->buffer->datas[0], now);
+    }
     pw_stream_queue_buffer(receiver.stream, buffer);
     if (!number) {
       ++receiver.unreadable;
+      continue;
+    }
+    if (*number == pipewire::IdleCard::kIdleCounter) {
+      if (receiver.idle++ == 0) {
+        receiver.firstIdle = now;
+        std::fputs("receiver: first idle picture\n", stderr);
+      }
+      receiver.lastIdle = now;
       continue;
     }
     receiver.log.record(*number, now);
@@ -354,6 +371,12 @@ int runReceiver(int argc, char** argv) {
               static_cast<unsigned long long>(receiver.buffers), receiver.lastFormat.c_str(),
               bufferSpan,
               bufferSpan > 0 ? static_cast<double>(receiver.buffers - 1) / bufferSpan : 0.0);
+  if (receiver.idle > 0) {
+    const double idleSpan = static_cast<double>(receiver.lastIdle - receiver.firstIdle) / 1e9;
+    std::printf("idle pictures: %llu in %.2f s (%.2f fps)\n",
+                static_cast<unsigned long long>(receiver.idle), idleSpan,
+                idleSpan > 0 ? static_cast<double>(receiver.idle - 1) / idleSpan : 0.0);
+  }
   if (!options.saveFrame.empty()) {
     if (!receiver.frameSaved) {
       std::fprintf(stderr, "flowmere-camera-producer receive: no frame to save in %s\n",

@@ -1,0 +1,121 @@
+#include "ClientGuard.h"
+
+#include <algorithm>
+
+namespace flowmere::pipewire {
+
+void ClientGuard::linkRemoved(std::int64_t now, std::string client,
+                              std::span<const Buffer> buffers) {
+  departure_ = now;
+  departedClient_ = std::move(client);
+  departureHeld_.clear();
+  for (const Buffer& buffer : buffers) {
+    if (buffer.held) {
+      departureHeld_.push_back(buffer.key);
+    }
+  }
+}
+
+void ClientGuard::formatMoved(std::vector<std::uint32_t> links) {
+  movedLinks_ = std::move(links);
+}
+
+void ClientGuard::sendAttempt(std::int64_t now, bool found) {
+  if (found) {
+    starvedSince_.reset();
+    return;
+  }
+  if (!starvedSince_) {
+    starvedSince_ = now;
+  }
+  lastStarved_ = now;
+}
+
+void ClientGuard::reset() {
+  departureHeld_.clear();
+  departure_.reset();
+  departedClient_.clear();
+  starvedSince_.reset();
+}
+
+bool ClientGuard::needsLinks(std::int64_t now) const {
+  const bool settled = !lastAction_ || now - *lastAction_ >= kSettleNanoseconds;
+  return settled && starvedSince_ && now - *starvedSince_ >= kStarvedNanoseconds;
+}
+
+ClientGuard::Action ClientGuard::act(std::int64_t now, Action action) {
+  lastAction_ = now;
+  // Whatever the action, the buffers change hands: the next look starts afresh.
+  starvedSince_.reset();
+  if (action.kind == Action::Kind::kReclaim) {
+    departureHeld_.clear();
+    departure_.reset();
+  }
+  return action;
+}
+
+ClientGuard::Action ClientGuard::check(std::int64_t now, std::span<const Buffer> buffers,
+                                       const std::vector<Link>& links) {
+  // A buffer seen free since the departure was not the departed client's.
+  std::erase_if(departureHeld_, [&](const void* key) {
+    return std::none_of(buffers.begin(), buffers.end(),
+                        [key](const Buffer& buffer) { return buffer.key == key && buffer.held; });
+  });
+
+  if (lastStarved_ && now - *lastStarved_ >= kCalmNanoseconds) {
+    cutNext_ = false;  // the camera was fine for a while: a new starvation starts mildly
+    lastStarved_.reset();
+  }
+  if (lastAction_ && now - *lastAction_ < kSettleNanoseconds) {
+    return {};
+  }
+
+  if (departure_ && now - *departure_ >= kDepartureGraceNanoseconds) {
+    const std::string who = std::move(departedClient_);
+    const std::size_t count = departureHeld_.size();
+    departure_.reset();
+    departureHeld_.clear();
+    if (count > 0) {
+      return act(now, Action{Action::Kind::kReclaim, 0,
+                             who + " went away holding " + std::to_string(count) + " of " +
+                                 std::to_string(buffers.size()) + " buffers"});
+    }
+  }
+
+  if (!starvedSince_ || now - *starvedSince_ < kStarvedNanoseconds) {
+    return {};
+  }
+  const std::string starved =
+      "no buffer has been free for " + std::to_string((now - *starvedSince_) / 1'000'000) + " ms";
+  // A stopped process cannot give anything back: it goes first, whatever the step.
+  for (const Link& link : links) {
+    if (link.processStopped) {
+      return act(now, Action{Action::Kind::kCut, link.id,
+                             link.client + " is stopped and holds the camera's buffers (" +
+                                 starved + ")"});
+    }
+  }
+  if (!cutNext_ || links.empty()) {
+    cutNext_ = true;
+    return act(now, Action{Action::Kind::kReclaim, 0, starved});
+  }
+  cutNext_ = false;
+  for (const std::uint32_t moved : movedLinks_) {
+    const auto found = std::find_if(links.begin(), links.end(),
+                                    [moved](const Link& link) { return link.id == moved; });
+    if (found != links.end()) {
+      movedLinks_.erase(std::find(movedLinks_.begin(), movedLinks_.end(), moved));
+      return act(now, Action{Action::Kind::kCut, found->id,
+                             found->client +
+                                 " did not follow the camera's format change and holds its "
+                                 "buffers (" +
+                                 starved + " after a reclaim)"});
+    }
+  }
+  return act(now,
+             Action{Action::Kind::kCut, links.front().id,
+                    links.front().client + " is the oldest client while every buffer is held (" +
+                        starved + " after a reclaim)"});
+}
+
+}  // namespace flowmere::pipewire

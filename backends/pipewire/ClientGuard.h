@@ -1,0 +1,94 @@
+#pragma once
+
+// Keeps one camera client from taking the camera from the others.
+//
+// Every link of the source node shares the node's buffers (PipeWire keeps one buffer set per
+// output port), and pw_stream marks a buffer busy while any client holds it. Three ways a client
+// keeps buffers that the others need:
+// - it died or was killed holding some: its link goes, the busy marks stay for ever;
+// - it was stopped (SIGSTOP, a debugger) holding some: they come back only when it runs again;
+// - it stopped consuming while PipeWire still hands it buffers (a pipeline that could not follow
+//   a format change, a frozen program whose PipeWire thread still runs): it ends up holding
+//   every buffer, and no client gets a frame.
+// The node skips held buffers when it sends, so the first two cost the others nothing while free
+// buffers remain. The guard decides when that is not enough:
+// - buffers held when a link went away, and held at every look for the next
+//   `kDepartureGraceNanoseconds`, belong to the client that left: the node reclaims them (new
+//   buffers for every link);
+// - when no buffer has been free for `kStarvedNanoseconds`, the node reclaims its buffers and,
+//   if that does not last, cuts off one client at a time: first one whose process is stopped,
+//   then one that had to follow the node's last format change, then the oldest link. A cut client
+//   sees its stream end; the others keep the camera.
+// After each action the guard waits `kSettleNanoseconds` for the graph to settle.
+//
+// Pure logic on the times it is given. Owned by the source node and called on its loop thread
+// under the loop lock (tests drive it on virtual time); it has no lock of its own.
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace flowmere::pipewire {
+
+class ClientGuard {
+ public:
+  // One buffer of the node: an identity that stays the same while the buffer exists, and
+  // whether a client holds it now.
+  struct Buffer {
+    const void* key = nullptr;
+    bool held = false;
+  };
+
+  static constexpr std::int64_t kDepartureGraceNanoseconds = 250'000'000;
+  static constexpr std::int64_t kStarvedNanoseconds = 500'000'000;
+  static constexpr std::int64_t kSettleNanoseconds = 500'000'000;
+  // Starvation that has not come back for this long starts the escalation from a reclaim again.
+  static constexpr std::int64_t kCalmNanoseconds = 3'000'000'000;
+
+  // One link of the node to a client.
+  struct Link {
+    std::uint32_t id = 0;
+    std::string client;           // how the log names it: "gst-launch-1.0 (pid 4242)"
+    bool processStopped = false;  // the client's process is stopped or has exited
+  };
+  struct Action {
+    enum class Kind { kNone, kReclaim, kCut };
+    Kind kind = Kind::kNone;
+    std::uint32_t link = 0;  // for kCut
+    std::string reason;      // for the log: what was found
+  };
+
+  // A link of the node went away; `client` names whose it was, `buffers` are the node's buffers
+  // then (what it held is among those held).
+  void linkRemoved(std::int64_t now, std::string client, std::span<const Buffer> buffers);
+  // The node moved its links to another format; `links` are those that had to follow.
+  void formatMoved(std::vector<std::uint32_t> links);
+  // The result of one attempt to take a free buffer for a frame.
+  void sendAttempt(std::int64_t now, bool found);
+  // The node stopped streaming: what was seen of its buffers no longer matters.
+  void reset();
+
+  // Whether the next `check` may cut a client off, and so needs the node's links (finding them
+  // reads the registry's view and /proc: done only then).
+  [[nodiscard]] bool needsLinks(std::int64_t now) const;
+  // One look at the node's buffers and, when `needsLinks` said so, its links in the order they
+  // were made.
+  Action check(std::int64_t now, std::span<const Buffer> buffers, const std::vector<Link>& links);
+
+ private:
+  Action act(std::int64_t now, Action action);
+
+  // Buffers held when a link last went away and held at every look since.
+  std::vector<const void*> departureHeld_;
+  std::optional<std::int64_t> departure_;  // when a link last went away
+  std::string departedClient_;
+  std::optional<std::int64_t> starvedSince_;  // first failed attempt of the current run
+  std::optional<std::int64_t> lastStarved_;   // last failed attempt
+  std::optional<std::int64_t> lastAction_;
+  bool cutNext_ = false;                   // the escalation's next step while starving
+  std::vector<std::uint32_t> movedLinks_;  // links that had to follow the last move
+};
+
+}  // namespace flowmere::pipewire
