@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # flowmere-camera-status against a real PipeWire: its verdict, exit status and JSON while the
-# camera service is missing, waits for a producer, and relays to one client and to none.
+# camera service is missing, waits for a producer, shows its idle picture to a client, and relays
+# to one client and to none.
 #
 #   status-test.sh BUILD_DIR
 #
@@ -84,6 +85,21 @@ check "camera without a producer" 1 \
   '.verdict == "waiting for a producer" and .service.running == true and .producer == null and
    .clientCount == 0 and .relaying == false' \
   '^Flowmere Camera: waiting for a producer$'
+
+# --- 3b. A client captures with no producer: it sees the camera's idle picture, and the status
+# says so (not relaying: the exit status stays 1).
+"${producer}" receive --seconds 60 >"${work}/idle-receiver.out" 2>"${work}/idle-receiver.err" &
+idle_receiver_pid=$!
+background+=("${idle_receiver_pid}")
+wait_for "grep -q 'receiver: first idle picture' '${work}/idle-receiver.err'" 10 ||
+  echo "  (the client got no idle picture within 10 s)"
+wait_for "'${status_tool}' --json --interval 0.2 | jq -e '.idlePicture and .clientCount == 1'" 10
+check "idle picture to one client" 1 \
+  '.verdict == "showing the idle picture to 1 client" and .idlePicture == true and
+   .relaying == false and .clientCount == 1 and .producer == null' \
+  '^Flowmere Camera: showing the idle picture to 1 client$'
+end_processes "${idle_receiver_pid}"
+wait_for "'${status_tool}' --json --interval 0.2 | jq -e '.clientCount == 0'" 10
 
 # --- 4. A producer at 1280x720, 30 fps, and one client capturing. The measured rate is what the
 # relay achieves, which a loaded machine can hold well below 30 fps; it never exceeds the

@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <string_view>
 
 #include "formats/FormatCatalogue.h"
 #include "pipewire/PipeWireCameraService.h"
@@ -385,6 +386,8 @@ CameraGraph GraphQuery::collect() const {
     if (const char* value = pw_properties_get(source->second->props, kTimelineProperty)) {
       graph.timeline = value;
     }
+    const char* idle = pw_properties_get(source->second->props, "flowmere.idle-picture");
+    graph.idlePicture = idle && std::string_view(idle) == "true";
   }
   if (const auto sink = boundNodes_.find(*sinkNode_); sink != boundNodes_.end()) {
     graph.sinkFormat = sink->second->format;

@@ -42,6 +42,8 @@ struct CameraGraph {
   std::optional<std::uint32_t> sinkNode;
   // The source node's timeline property ("4cc_fwtc_glob_0000"), when it carries one.
   std::optional<std::string> timeline;
+  // The source node sends its idle picture (no producer frame for half a second, or none yet).
+  bool idlePicture = false;
   // The format the sink negotiated with its producer.
   std::optional<GraphVideoFormat> sinkFormat;
   // Nodes with a working link into the sink, and nodes the source has a working link to (links

@@ -175,6 +175,7 @@ nlohmann::json reportJson(const StatusReport& report) {
   nlohmann::json json;
   json["verdict"] = report.verdictText;
   json["relaying"] = report.verdict == Verdict::kRelaying;
+  json["idlePicture"] = graph.idlePicture;
 
   nlohmann::json service = {{"running", graph.serviceRunning()},
                             {"sourceNode", sourceNodeName()},

@@ -61,6 +61,12 @@ StatusReport makeReport(CameraGraph graph, StoredStatus stored,
   if (!report.graph.serviceRunning()) {
     report.verdict = Verdict::kServiceNotRunning;
     report.verdictText = "camera service not running";
+  } else if (report.graph.idlePicture && !report.graph.clients.empty()) {
+    // Clients see the camera's own card: say so rather than that they see nothing.
+    const std::size_t clients = report.graph.clients.size();
+    report.verdict = Verdict::kShowingIdlePicture;
+    report.verdictText = "showing the idle picture to " + std::to_string(clients) + " client" +
+                         (clients == 1 ? "" : "s");
   } else if (report.graph.producers.empty()) {
     report.verdict = Verdict::kWaitingForProducer;
     report.verdictText = "waiting for a producer";

@@ -18,6 +18,7 @@ enum class Verdict {
   kServiceNotRunning,
   kWaitingForProducer,
   kNoFrames,
+  kShowingIdlePicture,
   kRelaying,
 };
 
