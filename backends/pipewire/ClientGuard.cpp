@@ -100,21 +100,22 @@ ClientGuard::Action ClientGuard::check(std::int64_t now, std::span<const Buffer>
     return act(now, Action{Action::Kind::kReclaim, 0, starved});
   }
   cutNext_ = false;
-  for (const std::uint32_t moved : movedLinks_) {
-    const auto found = std::find_if(links.begin(), links.end(),
-                                    [moved](const Link& link) { return link.id == moved; });
-    if (found != links.end()) {
-      movedLinks_.erase(std::find(movedLinks_.begin(), movedLinks_.end(), moved));
-      return act(now, Action{Action::Kind::kCut, found->id,
-                             found->client +
-                                 " did not follow the camera's format change and holds its "
-                                 "buffers (" +
+  // The newest client is the likeliest cause: the camera served the older ones before it came.
+  // Links that had to follow the last format change come first.
+  for (auto link = links.rbegin(); link != links.rend(); ++link) {
+    const auto moved = std::find(movedLinks_.begin(), movedLinks_.end(), link->id);
+    if (moved != movedLinks_.end()) {
+      movedLinks_.erase(moved);
+      return act(now, Action{Action::Kind::kCut, link->id,
+                             link->client +
+                                 " had to follow the camera's format change and the buffers are "
+                                 "still held (" +
                                  starved + " after a reclaim)"});
     }
   }
   return act(now,
-             Action{Action::Kind::kCut, links.front().id,
-                    links.front().client + " is the oldest client while every buffer is held (" +
+             Action{Action::Kind::kCut, links.back().id,
+                    links.back().client + " is the newest client and the buffers are still held (" +
                         starved + " after a reclaim)"});
 }
 

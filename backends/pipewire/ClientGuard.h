@@ -17,8 +17,12 @@
 //   buffers for every link);
 // - when no buffer has been free for `kStarvedNanoseconds`, the node reclaims its buffers and,
 //   if that does not last, cuts off one client at a time: first one whose process is stopped,
-//   then one that had to follow the node's last format change, then the oldest link. A cut client
-//   sees its stream end; the others keep the camera.
+//   then one that had to follow the node's last format change, newest first, then the newest
+//   link. PipeWire cannot say which link holds a buffer, so the order is a likelihood: the camera
+//   served the older clients before the newest came, and a client that cannot follow a format
+//   change is the known way to end up holding everything. A cut client sees its stream end
+//   (WirePlumber links a client that asks to be reconnected again at once); the others keep the
+//   camera.
 // After each action the guard waits `kSettleNanoseconds` for the graph to settle.
 //
 // Pure logic on the times it is given. Owned by the source node and called on its loop thread

@@ -162,6 +162,9 @@ void onProcess(void* data) {
       if (receiver.idle++ == 0) {
         receiver.firstIdle = now;
         std::fputs("receiver: first idle picture\n", stderr);
+      } else if (receiver.lastReceive > receiver.lastIdle) {
+        // Once per return: tests that check the picture comes back after a producer stops.
+        std::fprintf(stderr, "receiver: idle picture again after frame %u\n", receiver.lastNumber);
       }
       receiver.lastIdle = now;
       continue;

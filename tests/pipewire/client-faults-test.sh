@@ -1,0 +1,171 @@
+#!/usr/bin/env bash
+# Clients that fail must cost the other clients nothing. On a private PipeWire session, with the
+# producer at 1280x720 BGRA 30 fps, each failure below happens while another client captures;
+# that client's frame rate is measured from its own time stamps (CLOCK_MONOTONIC, as each frame
+# is dequeued), from 1 s after the failure on:
+# - a GStreamer client that opened the camera before the producer, at another format, and cannot
+#   follow the change: the camera cuts its link, and a fresh client is served;
+# - a GStreamer client (pipewiresrc ! fakesink, which keeps its last buffer) killed with SIGKILL:
+#   the camera reclaims the buffers it held;
+# - the same client stopped with SIGSTOP for 6 s.
+# And the idle picture: a client that opens the camera before any producer sees it within 5 s at
+# 30 fps, then the producer's frames, then the idle picture again when the producer stops.
+#
+#   client-faults-test.sh BUILD_DIR
+#
+# Exits 77 (skipped) when the PipeWire session tools or GStreamer are not installed.
+set -uo pipefail
+
+build="$(cd "${1:?usage: client-faults-test.sh BUILD_DIR}" && pwd)"
+here="$(cd "$(dirname "$0")" && pwd)"
+extension="${build}/tools/flowmere-camera-extension/flowmere-camera-extension"
+producer="${build}/tools/flowmere-camera-producer/flowmere-camera-producer"
+
+# shellcheck source=session.sh
+source "${here}/session.sh"
+require_tools pipewire wireplumber dbus-daemon pw-cli gst-launch-1.0 python3
+test_begin flowmere-client-faults-test
+
+monotonic_now() { python3 -c 'import time; print(time.monotonic_ns())'; }
+# Frames per second that client $1 received between $2 + $3 s and $2 + $4 s ($2: a CLOCK_MONOTONIC
+# instant in ns), and the longest gap between two of them in ms: prints "FPS GAP".
+rate_between() {
+  awk -v at="$2" -v from="$3" -v to="$4" '
+    { t = $2 } t >= at + from * 1e9 && t < at + to * 1e9 {
+      if (previous != "" && t - previous > gap) gap = t - previous
+      previous = t; n++ }
+    END { printf "%.2f %.1f\n", n / (to - from), gap / 1e6 }' "${work}/$1.times"
+}
+# Starts our receiver as client $1 for $2 seconds, as ${client_pid}.
+start_receiver() {
+  "${producer}" receive --seconds "$2" --timestamps "${work}/$1.times" >"${work}/$1.out" \
+    2>"${work}/$1.err" &
+  client_pid=$!
+  background+=("${client_pid}")
+}
+# Starts a GStreamer client $1 that keeps its last buffer, as ${gst_pid}, and waits until the
+# camera has it as a client that streams.
+start_gstreamer_client() {
+  local before
+  before="$(grep -c 'flowmere-camera-source streams with' "${work}/extension.log")"
+  gst-launch-1.0 pipewiresrc target-object=flowmere-camera-source ! video/x-raw ! fakesink \
+    >"${work}/$1.out" 2>&1 &
+  gst_pid=$!
+  background+=("${gst_pid}")
+  wait_for "[ \$(grep -c 'flowmere-camera-source streams with' '${work}/extension.log') -gt ${before} ]" 10
+}
+# Whether client $1's rate from 1 s to $3 s after instant $2 is at least 29 fps.
+check_rate() {
+  local fps gap
+  read -r fps gap < <(rate_between "$1" "$2" 1 "$3")
+  if awk -v r="${fps}" 'BEGIN { exit !(r >= 29) }'; then
+    pass "$4: the other client got ${fps} fps (longest gap ${gap} ms) from 1 s after it"
+  else
+    fail "$4: the other client got ${fps} fps (longest gap ${gap} ms) from 1 s after it"
+  fi
+}
+
+session_start || { echo "FAIL: no PipeWire session"; exit 1; }
+start_extension
+
+# --- 1. The idle picture before the producer; a GStreamer client linked at the first offer.
+start_receiver idle 14
+idle_pid=${client_pid}
+opened="$(monotonic_now)"
+if wait_for "grep -q 'receiver: first idle picture' '${work}/idle.err'" 5; then
+  pass "a client that opens the camera before any producer sees the idle picture within 5 s"
+else
+  fail "no idle picture within 5 s"
+fi
+start_gstreamer_client early
+early_pid=${gst_pid}
+sleep 2
+"${producer}" --size 1280x720 --format bgra --fps 30 --timestamps "${work}/producer.times" \
+  >"${work}/producer.out" 2>"${work}/producer.err" &
+producer_pid=$!
+background+=("${producer_pid}")
+wait_for "grep -q 'producer: streaming' '${work}/producer.err'" 10
+started="$(monotonic_now)"
+
+# The early GStreamer client cannot follow 1920x1080 -> 1280x720 and keeps every buffer it is
+# given: the camera cuts its link, and clients old and new are served.
+if wait_for "grep -q 'cuts off link .*gst-launch-1.0 (pid ${early_pid})' '${work}/extension.log'" 8; then
+  pass "the early client that could not follow the format was cut off: $(grep -o 'cuts off link.*' "${work}/extension.log" | head -1)"
+else
+  fail "the early client was not cut off"
+fi
+start_receiver fresh 4
+wait "${client_pid}"
+read -r fresh_frames fresh_rate _ < <(sed -n 's/^received \([0-9]*\) frames in [0-9.]* s (\([0-9.]*\) fps).*/\1 \2/p' "${work}/fresh.out")
+if [ "${fresh_frames:-0}" -ge 100 ] && awk -v r="${fresh_rate:-0}" 'BEGIN { exit !(r >= 29) }'; then
+  pass "a fresh client after the early one: ${fresh_frames} frames at ${fresh_rate} fps"
+else
+  fail "a fresh client after the early one: $(head -1 "${work}/fresh.out")"
+fi
+check_rate idle "${started}" 5 "the early client's cut"
+end_processes "${early_pid}"
+
+# The producer stops: the idle picture returns within a second, without the client doing anything.
+end_processes "${producer_pid}"
+wait "${idle_pid}"
+if grep -q 'receiver: idle picture again after frame' "${work}/idle.err"; then
+  pass "the idle picture came back after the producer stopped: $(tail -1 "${work}/idle.out")"
+else
+  fail "no idle picture after the producer stopped: $(cat "${work}/idle.out")"
+fi
+read -r idle_count idle_rate < <(sed -n 's/^idle pictures: \([0-9]*\) in [0-9.]* s (\([0-9.]*\) fps)/\1 \2/p' "${work}/idle.out")
+if [ "${idle_count:-0}" -ge 60 ]; then
+  pass "${idle_count} idle pictures in all"
+else
+  fail "only ${idle_count:-0} idle pictures"
+fi
+
+# --- 2. A client killed with SIGKILL while it holds a buffer, and 3. one stopped for 6 s.
+"${producer}" --size 1280x720 --format bgra --fps 30 >"${work}/producer2.out" \
+  2>"${work}/producer2.err" &
+background+=("$!")
+wait_for "grep -q 'producer: streaming' '${work}/producer2.err'" 10
+start_receiver watcher 30
+watcher_pid=${client_pid}
+wait_for "grep -q 'receiver: first frame' '${work}/watcher.err'" 10
+
+start_gstreamer_client killed
+sleep 1
+killed="$(monotonic_now)"
+kill -KILL "${gst_pid}"
+sleep 6
+check_rate watcher "${killed}" 6 "SIGKILL of a client holding a buffer"
+if grep -q "reclaims its buffers: gst-launch-1.0 (pid ${gst_pid}) went away holding" "${work}/extension.log"; then
+  pass "the camera reclaimed the killed client's buffers"
+else
+  fail "no reclaim of the killed client's buffers"
+fi
+
+start_gstreamer_client stopped
+stopped_pid=${gst_pid}
+sleep 1
+stopped="$(monotonic_now)"
+kill -STOP "${stopped_pid}"
+sleep 6
+check_rate watcher "${stopped}" 6 "SIGSTOP of a client for 6 s"
+kill -CONT "${stopped_pid}"
+end_processes "${stopped_pid}"
+
+start_receiver late 3
+wait "${client_pid}"
+read -r late_frames late_rate _ < <(sed -n 's/^received \([0-9]*\) frames in [0-9.]* s (\([0-9.]*\) fps).*/\1 \2/p' "${work}/late.out")
+if [ "${late_frames:-0}" -ge 70 ] && awk -v r="${late_rate:-0}" 'BEGIN { exit !(r >= 29) }'; then
+  pass "a new client after the faults: ${late_frames} frames at ${late_rate} fps"
+else
+  fail "a new client after the faults: $(head -1 "${work}/late.out")"
+fi
+end_processes "${watcher_pid}"
+
+grep -E 'reclaims|cuts off|idle picture' "${work}/extension.log" | sed 's/^/  log: /'
+if [ "${failures}" -eq 0 ]; then
+  echo "all client fault checks passed"
+else
+  FLOWMERE_TEST_KEEP=1
+  tail -30 "${work}/extension.log"
+fi
+exit "${failures}"
