@@ -254,11 +254,11 @@ TEST(PortalChecks, CameraPresentOrNot) {
   facts.portalOnBus = true;
   facts.cameraPresent = true;
   facts.accessBackends.push_back({"gtk.portal", "org.freedesktop.impl.portal.desktop.gtk", true});
-  EXPECT_EQ(portalCheck(facts).result, CheckResult::kOk);
+  EXPECT_EQ(portalCheck(facts, true).result, CheckResult::kOk);
   facts.cameraPresent = false;
-  EXPECT_EQ(portalCheck(facts).result, CheckResult::kFail);
+  EXPECT_EQ(portalCheck(facts, true).result, CheckResult::kFail);
   PortalFacts absent;
-  const Check check = portalCheck(absent);
+  const Check check = portalCheck(absent, false);
   EXPECT_EQ(check.result, CheckResult::kFail);
   EXPECT_NE(check.found.find("not on the session bus"), std::string::npos);
   EXPECT_NE(check.fix.find("xdg-desktop-portal"), std::string::npos);

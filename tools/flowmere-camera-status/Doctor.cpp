@@ -23,7 +23,7 @@ std::vector<Check> runDoctor(std::chrono::milliseconds pipeWireTimeout) {
       serviceCheck(graph),
       pipeWireCheck(graph),
       wirePlumberCheck(graph),
-      portalCheck(portal),
+      portalCheck(portal, graph.serviceRunning()),
       permissionCheck(permissions),
       chromiumCheck(home),
       firefoxCheck(home),

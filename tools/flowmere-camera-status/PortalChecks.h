@@ -58,7 +58,8 @@ std::vector<std::filesystem::path> portalBackendDirectories();
 // Both queries on the session bus ($DBUS_SESSION_BUS_ADDRESS).
 void queryPortal(PortalFacts& portal, PermissionFacts& permissions);
 
-Check portalCheck(const PortalFacts& facts);
+// `serviceRunning`: whether the camera's nodes are on PipeWire (the service check).
+Check portalCheck(const PortalFacts& facts, bool serviceRunning);
 Check permissionCheck(const PermissionFacts& facts);
 
 }  // namespace flowmere::status
