@@ -300,8 +300,9 @@ Check portalCheck(const PortalFacts& facts, bool serviceRunning) {
     check.found += "; IsCameraPresent is true";
     if (!serviceRunning) {
       // xdg-desktop-portal 1.16 does not forget a camera node that went away.
-      check.found += " (not for this camera, whose service is not running: another camera, or "
-                     "one the portal remembers after it left)";
+      check.found +=
+          " (not for this camera, whose service is not running: another camera, or "
+          "one the portal remembers after it left)";
     }
   } else {
     check.result = CheckResult::kFail;
