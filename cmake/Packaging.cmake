@@ -12,7 +12,10 @@ set(CPACK_PACKAGE_DESCRIPTION
   "A virtual camera on the user's PipeWire: a producer pushes video frames into the camera's
 sink node and every camera client (conferencing programs, browsers, recorders) captures them
 from its source node, paced as the producer stamped them. Includes the camera service with its
-systemd user unit, a status tool, a test producer, and a simulator of the whole relay.")
+systemd user unit, a status tool, a test producer, and a simulator of the whole relay. When a
+program does not show the camera, `flowmere-camera-status doctor` says why (the service,
+PipeWire, WirePlumber, the camera portal and its permissions, browser settings, V4L2) and how
+to fix it.")
 set(CPACK_PACKAGING_INSTALL_PREFIX "/usr")
 set(CPACK_STRIP_FILES ON)
 

@@ -11,6 +11,8 @@ packages=(
   libcairo2-dev fonts-dejavu-core
   # The PipeWire backend, its programs, and the private session its tests start.
   libpipewire-0.3-dev libspa-0.2-dev pipewire pipewire-bin wireplumber dbus
+  # flowmere-camera-status doctor asks the camera portal over the session bus (sd-bus).
+  libsystemd-dev
   gstreamer1.0-pipewire gstreamer1.0-tools gstreamer1.0-plugins-base
   gstreamer1.0-plugins-base-apps gstreamer1.0-plugins-good
   # A real browser on the camera, through the desktop's camera portal on a virtual display.

@@ -75,6 +75,7 @@ class GraphQuery {
   // The registry's own properties of a client carry the process id its connection reported.
   struct ClientGlobal {
     std::optional<std::uint32_t> pid;
+    std::string application;
   };
   struct LinkGlobal {
     std::uint32_t outputNode = 0;
@@ -217,7 +218,8 @@ void GraphQuery::onGlobal(void* data, std::uint32_t id, std::uint32_t /*permissi
     }
     self->nodes_[id] = NodeGlobal{std::move(name), numberProperty(props, PW_KEY_CLIENT_ID)};
   } else if (std::strcmp(type, PW_TYPE_INTERFACE_Client) == 0) {
-    self->clients_[id] = ClientGlobal{numberProperty(props, PW_KEY_SEC_PID)};
+    self->clients_[id] =
+        ClientGlobal{numberProperty(props, PW_KEY_SEC_PID), textProperty(props, PW_KEY_APP_NAME)};
   } else if (std::strcmp(type, PW_TYPE_INTERFACE_Link) == 0) {
     const auto output = numberProperty(props, PW_KEY_LINK_OUTPUT_NODE);
     const auto input = numberProperty(props, PW_KEY_LINK_INPUT_NODE);
@@ -378,16 +380,25 @@ CameraGraph GraphQuery::collect() const {
   CameraGraph graph;
   graph.sourceNode = sourceNode_;
   graph.sinkNode = sinkNode_;
+  for (const auto& [id, client] : clients_) {
+    if (!client.application.empty()) {
+      graph.clientApplications.push_back(client.application);
+    }
+  }
   if (!sourceNode_ || !sinkNode_) {
     return graph;
   }
   if (const auto source = boundNodes_.find(*sourceNode_);
       source != boundNodes_.end() && source->second->props) {
-    if (const char* value = pw_properties_get(source->second->props, kTimelineProperty)) {
+    const pw_properties* props = source->second->props;
+    if (const char* value = pw_properties_get(props, kTimelineProperty)) {
       graph.timeline = value;
     }
-    const char* idle = pw_properties_get(source->second->props, "flowmere.idle-picture");
+    const char* idle = pw_properties_get(props, "flowmere.idle-picture");
     graph.idlePicture = idle && std::string_view(idle) == "true";
+    graph.sourceMediaClass = textProperty(&props->dict, PW_KEY_MEDIA_CLASS);
+    graph.sourceMediaRole = textProperty(&props->dict, PW_KEY_MEDIA_ROLE);
+    graph.sourceSerial = numberProperty(&props->dict, PW_KEY_OBJECT_SERIAL);
   }
   if (const auto sink = boundNodes_.find(*sinkNode_); sink != boundNodes_.end()) {
     graph.sinkFormat = sink->second->format;

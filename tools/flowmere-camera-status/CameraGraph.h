@@ -40,6 +40,13 @@ struct CameraGraph {
   std::string problem;
   std::optional<std::uint32_t> sourceNode;
   std::optional<std::uint32_t> sinkNode;
+  // The source node's media class and role (the camera portal counts only Video/Source with
+  // role Camera) and its object serial (what PIPEWIRE_V4L2_TARGET names).
+  std::string sourceMediaClass;
+  std::string sourceMediaRole;
+  std::optional<std::uint64_t> sourceSerial;
+  // The application names of every client connected to PipeWire ("WirePlumber", ...).
+  std::vector<std::string> clientApplications;
   // The source node's timeline property ("4cc_fwtc_glob_0000"), when it carries one.
   std::optional<std::string> timeline;
   // The source node sends its idle picture (no producer frame for half a second, or none yet).

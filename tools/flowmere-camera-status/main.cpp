@@ -1,12 +1,16 @@
 // flowmere-camera-status: is the camera working right now?
 //
 //   flowmere-camera-status [--watch] [--json] [--interval S]
+//   flowmere-camera-status doctor [--json]
 //
 // Asks PipeWire whether the camera service's nodes are there, which producer is linked into the
 // sink at which format and how many clients capture the source; measures the frame rate from
 // two readings of the frame count state file; and adds what the extension recorded in the
 // settings store and the state files. Prints a one-line verdict first. Exit status 0 while the
 // camera relays frames, 1 otherwise, 2 for a command line it cannot accept.
+//
+// `doctor` runs the checks of Doctor.h (why a program does not see the camera) and exits 0 when
+// none failed, 1 otherwise.
 //
 // Single-threaded: PipeWire's main loop runs on the main thread for each query; SIGINT and
 // SIGTERM only set a flag that --watch checks between refreshes.
@@ -25,6 +29,7 @@
 
 #include "CameraGraph.h"
 #include "CommandLine.h"
+#include "Doctor.h"
 #include "StatusOutput.h"
 #include "StatusReport.h"
 #include "StoredStatus.h"
@@ -37,6 +42,7 @@ using flowmere::status::StatusReport;
 constexpr std::string_view kProgram = "flowmere-camera-status";
 constexpr std::string_view kUsage =
     "usage: flowmere-camera-status [--watch] [--json] [--interval S]\n"
+    "       flowmere-camera-status doctor [--json]\n"
     "       flowmere-camera-status --help | --version\n"
     "\n"
     "Tells whether the Flowmere camera works right now: whether the camera service runs on\n"
@@ -48,7 +54,14 @@ constexpr std::string_view kUsage =
     "  --json         print one JSON object (with --watch: one per line and refresh)\n"
     "  --interval S   measure the frame rate over S seconds (0.1 to 60)\n"
     "\n"
-    "Exit status: 0 while frames are relayed, 1 otherwise, 2 for a bad command line.\n";
+    "\n"
+    "doctor checks, one line each (ok, warn or fail, with the fix for each problem), why a\n"
+    "program may not see the camera: the service and its nodes, PipeWire, WirePlumber, the\n"
+    "camera portal and its permission store, Chromium-family and Firefox profiles, V4L2\n"
+    "programs, and the producer. It changes nothing. --json prints {\"checks\": [...]}.\n"
+    "\n"
+    "Exit status: 0 while frames are relayed (doctor: when no check failed), 1 otherwise, 2 for a\n"
+    "bad command line.\n";
 
 constexpr std::chrono::milliseconds kPipeWireTimeout{2000};
 
@@ -163,9 +176,46 @@ int run(const Options& options) {
   return exitStatus(report);
 }
 
+// `doctor [--json]`: the arguments after "doctor".
+int runDoctorCommand(int argc, char** argv) {
+  bool json = false;
+  for (int index = 2; index < argc; ++index) {
+    const std::string_view argument = argv[index];
+    if (argument == "--json") {
+      json = true;
+    } else if (argument == "--help" || argument == "-h") {
+      return flowmere::tools::printUsage(kUsage);
+    } else {
+      return flowmere::tools::badUsage(kProgram,
+                                       "doctor: unknown option '" + std::string(argument) + "'");
+    }
+  }
+  try {
+    pw_init(nullptr, nullptr);
+    const std::vector<flowmere::status::Check> checks =
+        flowmere::status::runDoctor(kPipeWireTimeout);
+    pw_deinit();
+    if (json) {
+      const std::string text = flowmere::status::doctorJson(checks).dump(
+          2, ' ', false, nlohmann::json::error_handler_t::replace);
+      std::printf("%s\n", text.c_str());
+    } else {
+      flowmere::status::printDoctor(checks, stdout);
+    }
+    std::fflush(stdout);
+    return flowmere::status::doctorExitStatus(checks);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "flowmere-camera-status doctor: %s\n", error.what());
+    return 1;
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc >= 2 && std::string_view(argv[1]) == "doctor") {
+    return runDoctorCommand(argc, argv);
+  }
   Options options;
   for (int index = 1; index < argc; ++index) {
     const std::string_view argument = argv[index];

@@ -1,0 +1,2 @@
+// Mozilla User Preferences
+user_pref("media.webrtc.camera.allow-pipewire", false);
