@@ -28,7 +28,6 @@ void ClientGuard::sendAttempt(std::int64_t now, bool found) {
   if (!starvedSince_) {
     starvedSince_ = now;
   }
-  lastStarved_ = now;
 }
 
 void ClientGuard::reset() {
@@ -47,10 +46,6 @@ ClientGuard::Action ClientGuard::act(std::int64_t now, Action action) {
   lastAction_ = now;
   // Whatever the action, the buffers change hands: the next look starts afresh.
   starvedSince_.reset();
-  if (action.kind == Action::Kind::kReclaim) {
-    departureHeld_.clear();
-    departure_.reset();
-  }
   return action;
 }
 
@@ -62,61 +57,58 @@ ClientGuard::Action ClientGuard::check(std::int64_t now, std::span<const Buffer>
                         [key](const Buffer& buffer) { return buffer.key == key && buffer.held; });
   });
 
-  if (lastStarved_ && now - *lastStarved_ >= kCalmNanoseconds) {
-    cutNext_ = false;  // the camera was fine for a while: a new starvation starts mildly
-    lastStarved_.reset();
-  }
   if (lastAction_ && now - *lastAction_ < kSettleNanoseconds) {
     return {};
   }
 
   if (departure_ && now - *departure_ >= kDepartureGraceNanoseconds) {
     const std::string who = std::move(departedClient_);
-    const std::size_t count = departureHeld_.size();
+    std::vector<const void*> held = std::move(departureHeld_);
     departure_.reset();
     departureHeld_.clear();
-    if (count > 0) {
-      return act(now, Action{Action::Kind::kReclaim, 0,
-                             who + " went away holding " + std::to_string(count) + " of " +
+    if (!held.empty()) {
+      const std::string count = std::to_string(held.size());
+      return act(now, Action{Action::Kind::kRelease, 0, std::move(held),
+                             who + " went away holding " + count + " of " +
                                  std::to_string(buffers.size()) + " buffers"});
     }
   }
 
-  if (!starvedSince_ || now - *starvedSince_ < kStarvedNanoseconds) {
+  if (!starvedSince_ || now - *starvedSince_ < kStarvedNanoseconds || links.empty()) {
     return {};
   }
   const std::string starved =
       "no buffer has been free for " + std::to_string((now - *starvedSince_) / 1'000'000) + " ms";
-  // A stopped process cannot give anything back: it goes first, whatever the step.
+  // A stopped process cannot give anything back: it goes first.
   for (const Link& link : links) {
     if (link.processStopped) {
-      return act(now, Action{Action::Kind::kCut, link.id,
+      return act(now, Action{Action::Kind::kCut,
+                             link.id,
+                             {},
                              link.client + " is stopped and holds the camera's buffers (" +
                                  starved + ")"});
     }
   }
-  if (!cutNext_ || links.empty()) {
-    cutNext_ = true;
-    return act(now, Action{Action::Kind::kReclaim, 0, starved});
-  }
-  cutNext_ = false;
   // The newest client is the likeliest cause: the camera served the older ones before it came.
   // Links that had to follow the last format change come first.
   for (auto link = links.rbegin(); link != links.rend(); ++link) {
     const auto moved = std::find(movedLinks_.begin(), movedLinks_.end(), link->id);
     if (moved != movedLinks_.end()) {
       movedLinks_.erase(moved);
-      return act(now, Action{Action::Kind::kCut, link->id,
+      return act(now, Action{Action::Kind::kCut,
+                             link->id,
+                             {},
                              link->client +
-                                 " had to follow the camera's format change and the buffers are "
-                                 "still held (" +
-                                 starved + " after a reclaim)"});
+                                 " had to follow the camera's format change and every buffer is "
+                                 "held (" +
+                                 starved + ")"});
     }
   }
-  return act(now,
-             Action{Action::Kind::kCut, links.back().id,
-                    links.back().client + " is the newest client and the buffers are still held (" +
-                        starved + " after a reclaim)"});
+  return act(now, Action{Action::Kind::kCut,
+                         links.back().id,
+                         {},
+                         links.back().client + " is the newest client and every buffer is held (" +
+                             starved + ")"});
 }
 
 }  // namespace flowmere::pipewire

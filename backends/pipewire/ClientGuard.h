@@ -3,26 +3,27 @@
 // Keeps one camera client from taking the camera from the others.
 //
 // Every link of the source node shares the node's buffers (PipeWire keeps one buffer set per
-// output port), and pw_stream marks a buffer busy while any client holds it. Three ways a client
-// keeps buffers that the others need:
-// - it died or was killed holding some: its link goes, the busy marks stay for ever;
-// - it was stopped (SIGSTOP, a debugger) holding some: they come back only when it runs again;
+// output port), and pw_stream counts in each buffer's shared memory the clients that hold it
+// (SPA_META_Busy); the node cannot reuse a buffer while the count is above zero. Three ways a
+// client keeps buffers that the others need:
+// - it died or was killed holding some: its link goes, its marks stay for ever;
+// - it was stopped (SIGSTOP, a debugger) holding some: they come back when it runs again;
 // - it stopped consuming while PipeWire still hands it buffers (a pipeline that could not follow
 //   a format change, a frozen program whose PipeWire thread still runs): it ends up holding
 //   every buffer, and no client gets a frame.
 // The node skips held buffers when it sends, so the first two cost the others nothing while free
 // buffers remain. The guard decides when that is not enough:
 // - buffers held when a link went away, and held at every look for the next
-//   `kDepartureGraceNanoseconds`, belong to the client that left: the node reclaims them (new
-//   buffers for every link);
-// - when no buffer has been free for `kStarvedNanoseconds`, the node reclaims its buffers and,
-//   if that does not last, cuts off one client at a time: first one whose process is stopped,
-//   then one that had to follow the node's last format change, newest first, then the newest
-//   link. PipeWire cannot say which link holds a buffer, so the order is a likelihood: the camera
-//   served the older clients before the newest came, and a client that cannot follow a format
-//   change is the known way to end up holding everything. A cut client sees its stream end
-//   (WirePlumber links a client that asks to be reconnected again at once); the others keep the
-//   camera.
+//   `kDepartureGraceNanoseconds`, were the departed client's: the node takes its mark off them
+//   (one holder less). Renegotiating the buffers instead would move them for every link, and
+//   PipeWire 0.3.65 can leave a streaming link with the old ones;
+// - when no buffer has been free for `kStarvedNanoseconds`, the node cuts off one client: first
+//   one whose process is stopped, then one that had to follow the node's last format change,
+//   newest first, then the newest link. PipeWire cannot say which link holds a buffer, so the
+//   order is a likelihood: the camera served the older clients before the newest came, and a
+//   client that cannot follow a format change is the known way to end up holding everything.
+//   A cut client's link goes like any other, so what it held is then taken back as above. It
+//   sees its stream end (WirePlumber links a client that asks to be reconnected again at once).
 // After each action the guard waits `kSettleNanoseconds` for the graph to settle.
 //
 // Pure logic on the times it is given. Owned by the source node and called on its loop thread
@@ -48,8 +49,6 @@ class ClientGuard {
   static constexpr std::int64_t kDepartureGraceNanoseconds = 250'000'000;
   static constexpr std::int64_t kStarvedNanoseconds = 500'000'000;
   static constexpr std::int64_t kSettleNanoseconds = 500'000'000;
-  // Starvation that has not come back for this long starts the escalation from a reclaim again.
-  static constexpr std::int64_t kCalmNanoseconds = 3'000'000'000;
 
   // One link of the node to a client.
   struct Link {
@@ -58,10 +57,11 @@ class ClientGuard {
     bool processStopped = false;  // the client's process is stopped or has exited
   };
   struct Action {
-    enum class Kind { kNone, kReclaim, kCut };
+    enum class Kind { kNone, kRelease, kCut };
     Kind kind = Kind::kNone;
-    std::uint32_t link = 0;  // for kCut
-    std::string reason;      // for the log: what was found
+    std::uint32_t link = 0;            // kCut: the link to destroy
+    std::vector<const void*> buffers;  // kRelease: the buffers to take one holder off
+    std::string reason;                // for the log: what was found
   };
 
   // A link of the node went away; `client` names whose it was, `buffers` are the node's buffers
@@ -89,9 +89,7 @@ class ClientGuard {
   std::optional<std::int64_t> departure_;  // when a link last went away
   std::string departedClient_;
   std::optional<std::int64_t> starvedSince_;  // first failed attempt of the current run
-  std::optional<std::int64_t> lastStarved_;   // last failed attempt
   std::optional<std::int64_t> lastAction_;
-  bool cutNext_ = false;                   // the escalation's next step while starving
   std::vector<std::uint32_t> movedLinks_;  // links that had to follow the last move
 };
 

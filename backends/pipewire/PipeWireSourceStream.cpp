@@ -376,7 +376,7 @@ void PipeWireSourceStream::setTicking(bool on) {
   } else {
     pw_loop_update_timer(loop_->loop(), tickTimer_, nullptr, nullptr, false);
     guard_.reset();
-    setShowingIdle(false);
+    setShowingIdle(false, /*quietly=*/true);
   }
 }
 
@@ -451,13 +451,15 @@ void PipeWireSourceStream::sendIdlePicture(std::int64_t now) {
   queueFrame(out, wanted, now);
 }
 
-void PipeWireSourceStream::setShowingIdle(bool showing) {
+void PipeWireSourceStream::setShowingIdle(bool showing, bool quietly) {
   if (showing == showingIdle_) {
     return;
   }
   showingIdle_ = showing;
-  writeLog("[pipewire] " + nodeName_ +
-           (showing ? " shows the idle picture" : " shows the producer's frames"));
+  if (!quietly) {
+    writeLog("[pipewire] " + nodeName_ +
+             (showing ? " shows the idle picture" : " shows the producer's frames"));
+  }
   if (stream_) {
     const spa_dict_item item = SPA_DICT_ITEM_INIT(kIdlePictureProperty, showing ? "true" : "false");
     const spa_dict dict = SPA_DICT_INIT(&item, 1);
@@ -498,11 +500,28 @@ void PipeWireSourceStream::guardClients(std::int64_t now) {
   switch (action.kind) {
     case ClientGuard::Action::Kind::kNone:
       return;
-    case ClientGuard::Action::Kind::kReclaim:
-      writeLog("[pipewire] " + nodeName_ + " reclaims its buffers: " + action.reason);
-      scheduleOffers(true);
+    case ClientGuard::Action::Kind::kRelease: {
+      // One holder less on each: the departed client's mark, which nobody else would ever take
+      // off. A count that dropped meanwhile is left alone.
+      for (const auto& slot : slots()) {
+        if (std::find(action.buffers.begin(), action.buffers.end(), slot.get()) ==
+            action.buffers.end()) {
+          continue;
+        }
+        auto* busy = static_cast<spa_meta_busy*>(spa_buffer_find_meta_data(
+            slot->buffer()->buffer, SPA_META_Busy, sizeof(spa_meta_busy)));
+        std::uint32_t count = busy ? __atomic_load_n(&busy->count, __ATOMIC_RELAXED) : 0U;
+        while (count > 0 && !__atomic_compare_exchange_n(&busy->count, &count, count - 1U, false,
+                                                         __ATOMIC_ACQ_REL, __ATOMIC_RELAXED)) {
+        }
+      }
+      writeLog("[pipewire] " + nodeName_ + " takes back the buffers: " + action.reason);
       return;
+    }
     case ClientGuard::Action::Kind::kCut: {
+      // The links that stay negotiate again with the node paused around it: PipeWire 0.3.65 can
+      // give the port new buffers when a link goes and leave a streaming link with the old ones.
+      scheduleOffers(true);
       const int result = loop_->peers().destroyLink(action.link);
       writeLog(
           "[pipewire] " + nodeName_ + " cuts off link " + std::to_string(action.link) + ": " +

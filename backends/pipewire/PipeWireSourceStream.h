@@ -105,7 +105,8 @@ class PipeWireSourceStream final : public PipeWireStream {
   void setTicking(bool on) REQUIRES(loopLock_);
   // Sends one idle frame, drawing the card first when the format changed.
   void sendIdlePicture(std::int64_t now) REQUIRES(loopLock_);
-  void setShowingIdle(bool showing) REQUIRES(loopLock_);
+  // `quietly`: the node stops streaming, so nothing is shown and nothing is said.
+  void setShowingIdle(bool showing, bool quietly = false) REQUIRES(loopLock_);
   // Lets the guard look at the buffers and links, and does what it decides.
   void guardClients(std::int64_t now) REQUIRES(loopLock_);
   [[nodiscard]] std::vector<ClientGuard::Link> guardLinks() REQUIRES(loopLock_);
