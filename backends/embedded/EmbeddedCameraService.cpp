@@ -5,6 +5,8 @@
 #include <random>
 
 #include "common/LineLog.h"
+#include "common/MonotonicClock.h"
+#include "common/MonotonicTime.h"
 #include "common/PosixFileManager.h"
 #include "common/SqliteSettingsSuite.h"
 #include "common/WriteBehindFileManager.h"
@@ -292,8 +294,8 @@ EmbeddedCameraService::EmbeddedCameraService(EmbeddedOptions options)
     clock_ = std::make_unique<VirtualClock>(*executor_);
     completionQueue_ = std::make_shared<VirtualSerialQueue>("embedded.platform", *executor_);
   } else {
-    clock_ = std::make_unique<MonotonicClock>();
-    platformQueue_ = std::make_shared<ThreadSerialQueue>("embedded.platform");
+    clock_ = std::make_unique<common::MonotonicClock>();
+    platformQueue_ = std::make_shared<common::ThreadSerialQueue>("embedded.platform");
     completionQueue_ = platformQueue_;
   }
 }
@@ -359,11 +361,11 @@ std::shared_ptr<platform::SerialQueue> EmbeddedCameraService::createSerialQueue(
   if (options_.mode == TimeMode::kVirtual) {
     return std::make_shared<VirtualSerialQueue>(attributes.label, *executor_);
   }
-  ThreadQueueOptions queueOptions;
+  common::ThreadQueueOptions queueOptions;
   if (attributes.qualityOfService == platform::QualityOfService::kUserInteractive) {
     queueOptions.timerSlackNanoseconds = options_.interactiveTimerSlackNanoseconds;
   }
-  return std::make_shared<ThreadSerialQueue>(attributes.label, queueOptions);
+  return std::make_shared<common::ThreadSerialQueue>(attributes.label, queueOptions);
 }
 
 std::shared_ptr<platform::SettingsSuite> EmbeddedCameraService::openSettingsSuite(
@@ -493,7 +495,7 @@ void EmbeddedCameraService::schedulePlatformWork(std::chrono::nanoseconds delay,
 }
 
 std::int64_t EmbeddedCameraService::nowNanoseconds() const {
-  return executor_ ? executor_->nowNanoseconds() : MonotonicClock::nowNanoseconds();
+  return executor_ ? executor_->nowNanoseconds() : common::monotonicNanoseconds();
 }
 
 bool EmbeddedCameraService::shouldRefuseStream() {

@@ -38,9 +38,10 @@
 #include <string>
 #include <vector>
 
-#include "EmbeddedQueues.h"
 #include "EmbeddedStream.h"
 #include "VirtualClock.h"
+#include "VirtualSerialQueue.h"
+#include "common/ThreadSerialQueue.h"
 #include "platform/Platform.h"
 #include "platform/ThreadAnnotations.h"
 
@@ -249,7 +250,7 @@ class EmbeddedCameraService final : public platform::Platform,
   std::unique_ptr<platform::Log> log_;
   std::unique_ptr<EmbeddedFileManager> fileManager_;
   // Real time only: runs client calls and consume completions.
-  std::shared_ptr<ThreadSerialQueue> platformQueue_;
+  std::shared_ptr<common::ThreadSerialQueue> platformQueue_;
   std::shared_ptr<platform::SerialQueue> completionQueue_;
 
   mutable platform::Mutex mutex_;

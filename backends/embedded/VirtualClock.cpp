@@ -1,7 +1,5 @@
 #include "VirtualClock.h"
 
-#include <time.h>
-
 #include <algorithm>
 
 namespace flowmere::embedded {
@@ -65,20 +63,6 @@ platform::MediaTime VirtualClock::hostTime() const {
 
 double VirtualClock::systemUptime() const {
   return static_cast<double>(executor_.nowNanoseconds()) / 1e9;
-}
-
-std::int64_t MonotonicClock::nowNanoseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
-
-platform::MediaTime MonotonicClock::hostTime() const {
-  return platform::MediaTime::make(nowNanoseconds(), platform::MediaTime::kNanosecondTimescale);
-}
-
-double MonotonicClock::systemUptime() const {
-  return static_cast<double>(nowNanoseconds()) / 1e9;
 }
 
 }  // namespace flowmere::embedded

@@ -1,12 +1,12 @@
 #pragma once
 
-// Time for the embedded camera service: a virtual clock driven by a manual executor (tests and the
-// scripted simulator), and the real monotonic clock.
+// Virtual time for the embedded camera service: a manual executor that runs scheduled work, and a
+// clock that reads it (tests and the scripted simulator; real time is common::MonotonicClock).
 
 #include <cstdint>
 #include <optional>
 
-#include "DeadlineQueue.h"
+#include "common/DeadlineQueue.h"
 #include "platform/Services.h"
 #include "platform/ThreadAnnotations.h"
 
@@ -39,7 +39,7 @@ class ManualExecutor {
  private:
   mutable platform::Mutex mutex_;
   std::int64_t now_ GUARDED_BY(mutex_);
-  DeadlineQueue items_ GUARDED_BY(mutex_);
+  common::DeadlineQueue items_ GUARDED_BY(mutex_);
 };
 
 // The host clock and system uptime, both read from the executor's virtual time.
@@ -51,14 +51,6 @@ class VirtualClock final : public platform::Clock {
 
  private:
   const ManualExecutor& executor_;
-};
-
-// CLOCK_MONOTONIC for both the host clock and the system uptime. Any thread.
-class MonotonicClock final : public platform::Clock {
- public:
-  [[nodiscard]] platform::MediaTime hostTime() const override;
-  [[nodiscard]] double systemUptime() const override;
-  static std::int64_t nowNanoseconds();
 };
 
 }  // namespace flowmere::embedded
