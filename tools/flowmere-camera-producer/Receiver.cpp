@@ -31,6 +31,7 @@
 #include "FramePattern.h"
 #include "ProducerOptions.h"
 #include "TimestampLog.h"
+#include "common/MonotonicTime.h"
 #include "pipewire/SpaFormats.h"
 
 namespace flowmere::producer {
@@ -42,12 +43,6 @@ struct ReceiveOptions {
   std::string saveFrame;  // --save-frame: where the first frame's packed rows go
   double seconds = 0;     // 0: until interrupted
 };
-
-std::int64_t monotonicNanoseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
 
 // The whole receiver: one input stream on a main loop. The stream is not RT_PROCESS, so its
 // process callback runs on the main-loop thread like every other callback; every field belongs
@@ -141,7 +136,7 @@ std::optional<std::uint32_t> counterOf(const Receiver& receiver, const spa_data&
 void onProcess(void* data) {
   auto& receiver = *static_cast<Receiver*>(data);
   while (pw_buffer* buffer = pw_stream_dequeue_buffer(receiver.stream)) {
-    const std::int64_t now = monotonicNanoseconds();
+    const std::int64_t now = common::monotonicNanoseconds();
     countBuffer(receiver, buffer->buffer->datas[0], now);
     const std::optional<std::uint32_t> number = counterOf(receiver, buffer->buffer->datas[0]);
     pw_stream_queue_buffer(receiver.stream, buffer);

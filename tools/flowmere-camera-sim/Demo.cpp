@@ -18,6 +18,7 @@
 #include "TestPattern.h"
 #include "VANEProbeExtensionProvider.h"
 #include "VendorIdentifiers.h"
+#include "common/MonotonicTime.h"
 #include "common/PosixFileManager.h"
 #include "embedded/EmbeddedCameraService.h"
 #include "formats/FormatCatalogue.h"
@@ -26,27 +27,20 @@ namespace flowmere::sim {
 
 namespace {
 
+using common::monotonicNanoseconds;
+
 std::atomic<bool> interrupted{false};
 
 void onSignal(int /*signal*/) {
   interrupted.store(true);
 }
 
-std::int64_t monotonicNanoseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
-
 // How long after a push the next frame's drawing starts. Relaying a frame takes about 0.2 ms.
 constexpr std::int64_t kDrawingPause = 2'000'000;
 
+// Ctrl-C ends a wait for the next frame at once.
 void sleepUntil(std::int64_t deadline) {
-  timespec target{static_cast<time_t>(deadline / 1'000'000'000),
-                  static_cast<long>(deadline % 1'000'000'000)};
-  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &target, nullptr) == EINTR &&
-         !interrupted.load()) {
-  }
+  common::sleepUntil(deadline, interrupted);
 }
 
 struct Percentiles {
