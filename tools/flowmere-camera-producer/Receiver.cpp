@@ -119,18 +119,19 @@ std::optional<std::uint32_t> counterOf(const Receiver& receiver, const spa_data&
   const std::size_t stride =
       block.chunk->stride > 0 ? static_cast<std::size_t>(block.chunk->stride) : rowBytes;
   const std::size_t offset = block.chunk->offset % std::max<std::uint32_t>(block.maxsize, 1);
-  if (stride < rowBytes || block.chunk->size < stride * kCounterRows ||
-      offset + stride * kCounterRows > block.maxsize) {
+  if (stride < rowBytes || block.chunk->size < stride * pattern::kCounterRows ||
+      offset + stride * pattern::kCounterRows > block.maxsize) {
     return std::nullopt;
   }
   const auto* base = static_cast<const std::uint8_t*>(block.data) + offset;
-  return readCounter(receiver.width, receiver.height, [&](std::uint32_t x, std::uint32_t y) {
-    const std::uint8_t* pixel = base + y * stride + static_cast<std::size_t>(x) * pixelBytes;
-    if (p010) {
-      return p010LumaGrey(static_cast<std::uint16_t>(pixel[0] | (pixel[1] << 8U)));
-    }
-    return Rgb{pixel[2], pixel[1], pixel[0]};
-  });
+  return pattern::readCounter(
+      receiver.width, receiver.height, [&](std::uint32_t x, std::uint32_t y) {
+        const std::uint8_t* pixel = base + y * stride + static_cast<std::size_t>(x) * pixelBytes;
+        if (p010) {
+          return pattern::p010LumaGrey(static_cast<std::uint16_t>(pixel[0] | (pixel[1] << 8U)));
+        }
+        return pattern::Rgb{pixel[2], pixel[1], pixel[0]};
+      });
 }
 
 void onProcess(void* data) {

@@ -55,11 +55,11 @@ void fillFrame(Producer& producer, std::uint8_t* data, const FrameReader::Frame*
     return;
   }
   if (producer.info.format == SPA_VIDEO_FORMAT_BGRA) {
-    flowmere::producer::fillBgra(data, producer.layout.stride, producer.layout.width,
-                                 producer.layout.height, producer.frame);
+    flowmere::pattern::fillBgra(data, producer.layout.stride, producer.layout.width,
+                                producer.layout.height, producer.frame);
   } else {
-    flowmere::producer::fillP010(data, producer.layout.stride, producer.layout.width,
-                                 producer.layout.height, producer.frame);
+    flowmere::pattern::fillP010(data, producer.layout.stride, producer.layout.width,
+                                producer.layout.height, producer.frame);
   }
 }
 
