@@ -64,14 +64,15 @@ void fillP010(std::uint8_t* luma, std::size_t lumaStride, std::uint8_t* chroma,
     for (std::uint32_t x = 0; x < width; ++x) {
       const Rgb colour = patternPixel(x, y, width, frame);
       const std::uint32_t level = (colour.r + colour.g + colour.b) / 3;
-      put(row + x * 2, 64 + level * (940 - 64) / 255);  // video range luma
+      put(row + static_cast<std::size_t>(x) * 2,
+          64 + level * (940 - 64) / 255);  // video range luma
     }
   }
   for (std::uint32_t y = 0; y < height / 2; ++y) {
     std::uint8_t* row = chroma + y * chromaStride;
     for (std::uint32_t x = 0; x < width / 2; ++x) {
-      put(row + x * 4, 512);
-      put(row + x * 4 + 2, 512);
+      put(row + static_cast<std::size_t>(x) * 4, 512);
+      put(row + static_cast<std::size_t>(x) * 4 + 2, 512);
     }
   }
 }

@@ -388,6 +388,7 @@ ParsedScript parseScript(std::istream& script) {
 
 std::vector<std::string_view> scriptVerbs() {
   std::vector<std::string_view> names;
+  names.reserve(kVerbs.size());
   for (const Verb& verb : kVerbs) {
     names.push_back(verb.name);
   }
