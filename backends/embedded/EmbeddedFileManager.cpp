@@ -12,29 +12,6 @@ EmbeddedFileManager::EmbeddedFileManager(Options options, const FileWriteObserve
   }
 }
 
-std::optional<std::filesystem::path>
-EmbeddedFileManager::containerURLForSecurityApplicationGroupIdentifier(
-    std::string_view groupIdentifier) {
-  std::string path;
-  if (!containerPathForSecurityApplicationGroupIdentifier(groupIdentifier, path)) {
-    return std::nullopt;
-  }
-  return std::filesystem::path(std::move(path));
-}
-
-bool EmbeddedFileManager::createDirectory(const std::filesystem::path& directory) {
-  return createDirectoryAtPath(directory.native());
-}
-
-bool EmbeddedFileManager::writeStringAtomically(const std::filesystem::path& file,
-                                                std::string_view text) {
-  return writeStringAtomicallyToPath(file.native(), text);
-}
-
-std::filesystem::path EmbeddedFileManager::temporaryDirectory() {
-  return posix_.temporaryDirectory();
-}
-
 bool EmbeddedFileManager::containerPathForSecurityApplicationGroupIdentifier(
     std::string_view groupIdentifier, std::string& path) {
   if (containerDirectory_) {

@@ -11,6 +11,7 @@
 
 #include "ObserverList.h"
 #include "common/PosixFileManager.h"
+#include "common/TextFileManager.h"
 #include "common/WriteBehindFileManager.h"
 #include "platform/Services.h"
 
@@ -26,7 +27,7 @@ using FileWriteObservers = ObserverList<const std::filesystem::path&, std::strin
 // Threading: any thread. Every member is set at construction except the write-failure switch,
 // an atomic; the write-behind layer and the observer list lock for themselves. `observers` is
 // borrowed and must outlive this object.
-class EmbeddedFileManager final : public platform::FileManager {
+class EmbeddedFileManager final : public common::TextFileManager {
  public:
   struct Options {
     std::optional<std::filesystem::path> containerParent;
@@ -37,13 +38,6 @@ class EmbeddedFileManager final : public platform::FileManager {
   };
 
   EmbeddedFileManager(Options options, const FileWriteObservers& observers);
-
-  // The path forms go through the text forms, so that every switch is checked in one place.
-  std::optional<std::filesystem::path> containerURLForSecurityApplicationGroupIdentifier(
-      std::string_view groupIdentifier) override;
-  bool createDirectory(const std::filesystem::path& directory) override;
-  bool writeStringAtomically(const std::filesystem::path& file, std::string_view text) override;
-  std::filesystem::path temporaryDirectory() override;
 
   bool containerPathForSecurityApplicationGroupIdentifier(std::string_view groupIdentifier,
                                                           std::string& path) override;
