@@ -6,7 +6,9 @@
 #include <cmath>
 #include <istream>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <set>
+#include <utility>
 
 namespace flowmere::sim {
 
@@ -53,20 +55,29 @@ double numberField(const Json& object, const char* key) {
   return value.get<double>();
 }
 
+// The value that `names` gives `name`, or none.
+template <typename T, std::size_t N>
+std::optional<T> lookUp(const std::array<std::pair<std::string_view, T>, N>& names,
+                        std::string_view name) {
+  for (const auto& [candidate, value] : names) {
+    if (candidate == name) {
+      return value;
+    }
+  }
+  return std::nullopt;
+}
+
 MediaTime mediaTime(const Json& value, const char* key) {
   if (value.is_string()) {
+    static const std::array<std::pair<std::string_view, MediaTime>, 4> kNamedTimes{{
+        {"invalid", MediaTime::invalid()},
+        {"indefinite", MediaTime::indefinite()},
+        {"+infinity", MediaTime::positiveInfinity()},
+        {"-infinity", MediaTime::negativeInfinity()},
+    }};
     const auto text = value.get<std::string>();
-    if (text == "invalid") {
-      return MediaTime::invalid();
-    }
-    if (text == "indefinite") {
-      return MediaTime::indefinite();
-    }
-    if (text == "+infinity") {
-      return MediaTime::positiveInfinity();
-    }
-    if (text == "-infinity") {
-      return MediaTime::negativeInfinity();
+    if (const auto named = lookUp(kNamedTimes, text)) {
+      return *named;
     }
     throw ScriptError{std::string("\"") + key + "\" has an unknown time \"" + text + "\""};
   }
@@ -88,12 +99,12 @@ platform::FourCharCode pixelFormatField(const Json& object) {
   if (!object.contains("pixelFormat")) {
     return platform::kCVPixelFormatType_32BGRA;
   }
-  const std::string name = stringField(object, "pixelFormat");
-  if (name == "BGRA") {
-    return platform::kCVPixelFormatType_32BGRA;
-  }
-  if (name == "x420") {
-    return platform::kCVPixelFormatType_420YpCbCr10BiPlanarVideoRange;
+  constexpr std::array<std::pair<std::string_view, platform::FourCharCode>, 2> kPixelFormats{{
+      {"BGRA", platform::kCVPixelFormatType_32BGRA},
+      {"x420", platform::kCVPixelFormatType_420YpCbCr10BiPlanarVideoRange},
+  }};
+  if (const auto format = lookUp(kPixelFormats, stringField(object, "pixelFormat"))) {
+    return *format;
   }
   throw ScriptError{"\"pixelFormat\" must be \"BGRA\" or \"x420\""};
 }
@@ -106,30 +117,28 @@ std::uint32_t dimensionField(const Json& object, const char* key) {
   return static_cast<std::uint32_t>(value);
 }
 
+constexpr std::array<std::pair<std::string_view, StreamSide>, 2> kStreamNames{{
+    {"sink", StreamSide::kSink},
+    {"source", StreamSide::kSource},
+}};
+
+constexpr std::array<std::pair<std::string_view, PropertyTarget>, 4> kTargetNames{{
+    {"sink", PropertyTarget::kSink},
+    {"source", PropertyTarget::kSource},
+    {"device", PropertyTarget::kDevice},
+    {"provider", PropertyTarget::kProvider},
+}};
+
 StreamSide streamField(const Json& object) {
-  const std::string name = stringField(object, "stream");
-  if (name == "sink") {
-    return StreamSide::kSink;
-  }
-  if (name == "source") {
-    return StreamSide::kSource;
+  if (const auto side = lookUp(kStreamNames, stringField(object, "stream"))) {
+    return *side;
   }
   throw ScriptError{"\"stream\" must be \"sink\" or \"source\""};
 }
 
 PropertyTarget targetField(const Json& object) {
-  const std::string name = stringField(object, "target");
-  if (name == "sink") {
-    return PropertyTarget::kSink;
-  }
-  if (name == "source") {
-    return PropertyTarget::kSource;
-  }
-  if (name == "device") {
-    return PropertyTarget::kDevice;
-  }
-  if (name == "provider") {
-    return PropertyTarget::kProvider;
+  if (const auto target = lookUp(kTargetNames, stringField(object, "target"))) {
+    return *target;
   }
   throw ScriptError{"\"target\" must be sink, source, device or provider"};
 }
