@@ -1,4 +1,4 @@
-// Feeds arbitrary bytes to the simulator's script checker: it must accept or refuse every input
+// Feeds arbitrary bytes to the simulator's script parser: it must accept or refuse every input
 // with a message, never crash, hang or leak.
 
 #include <cstddef>
@@ -6,13 +6,15 @@
 #include <sstream>
 #include <string>
 
-#include "ScriptRunner.h"
+#include "ScriptParser.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::istringstream script(std::string(reinterpret_cast<const char*>(data), size));
-  const auto error = flowmere::sim::validateScript(script);
-  if (error && error->empty()) {
-    __builtin_trap();  // a refusal must say why
+  const flowmere::sim::ParsedScript parsed = flowmere::sim::parseScript(script);
+  // A refusal says where and why: "line N: reason".
+  const std::size_t colon = parsed.error.find(": ");
+  if (!parsed.ok() && (colon == std::string::npos || colon + 2 == parsed.error.size())) {
+    __builtin_trap();
   }
   return 0;
 }

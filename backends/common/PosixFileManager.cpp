@@ -66,37 +66,20 @@ bool PosixFileManager::isUsableGroupIdentifier(std::string_view groupIdentifier)
          groupIdentifier != ".." && groupIdentifier.find('/') == std::string_view::npos;
 }
 
-std::optional<std::filesystem::path>
-PosixFileManager::containerURLForSecurityApplicationGroupIdentifier(
-    std::string_view groupIdentifier) {
-  if (!isUsableGroupIdentifier(groupIdentifier)) {
-    return std::nullopt;
-  }
-  std::filesystem::path container = *containerParent_;
-  container /= groupIdentifier;
-  if (!createDirectory(container)) {
-    return std::nullopt;
-  }
-  return container;
-}
-
 bool PosixFileManager::containerPathForSecurityApplicationGroupIdentifier(
     std::string_view groupIdentifier, std::string& path) {
   if (!isUsableGroupIdentifier(groupIdentifier)) {
     return false;
   }
-  // containerParent / groupIdentifier, as the path form builds it: the identifier is a relative
-  // component, so a separator goes between unless the parent is empty or ends with one.
+  // containerParent / groupIdentifier, as std::filesystem::path's operator/ joins them: the
+  // identifier is a relative component, so a separator goes between unless the parent is empty
+  // or ends with one.
   path.assign(containerParent_->native());
   if (!path.empty() && path.back() != '/') {
     path.push_back('/');
   }
   path.append(groupIdentifier);
   return createDirectoryAtPath(path);
-}
-
-bool PosixFileManager::createDirectory(const std::filesystem::path& directory) {
-  return createDirectoryAtPath(directory.native());
 }
 
 bool PosixFileManager::createDirectoryAtPath(const std::string& directory) {
@@ -113,11 +96,6 @@ bool PosixFileManager::createDirectoryAtPath(const std::string& directory) {
   std::error_code error;
   std::filesystem::create_directories(path, error);
   return std::filesystem::is_directory(path, error);
-}
-
-bool PosixFileManager::writeStringAtomically(const std::filesystem::path& file,
-                                             std::string_view text) {
-  return writeStringAtomicallyToPath(file.native(), text);
 }
 
 bool PosixFileManager::writeStringAtomicallyToPath(const std::string& target,

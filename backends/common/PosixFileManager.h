@@ -4,8 +4,8 @@
 // directory, directory creation, and atomic whole-file writes (a uniquely named file in the same
 // directory, then a rename over the target).
 //
-// Every operation also has a text form working on paths held in the caller's strings; the state
-// files use those on every frame, and an existing directory costs one stat and no allocation.
+// It works on paths held as text (TextFileManager supplies the path forms): the state files are
+// written on every frame, and an existing directory costs one stat and no allocation.
 //
 // Threading: any thread. Every member is const after construction; the only mutable state is the
 // atomic write's per-thread buffer for the auxiliary name. Concurrent writes of the same file
@@ -14,11 +14,11 @@
 #include <filesystem>
 #include <optional>
 
-#include "platform/Services.h"
+#include "TextFileManager.h"
 
 namespace flowmere::common {
 
-class PosixFileManager final : public platform::FileManager {
+class PosixFileManager final : public TextFileManager {
  public:
   // `containerParent`: the directory holding one container directory per application group
   // (none: the process is granted no container). `temporaryDirectory`: the system's temporary
@@ -30,21 +30,14 @@ class PosixFileManager final : public platform::FileManager {
   // ${XDG_DATA_HOME:-$HOME/.local/share}; none when neither variable is set (or both are empty).
   static std::optional<std::filesystem::path> defaultContainerParent();
 
-  // containerParent / groupIdentifier, created with its parents when missing; none without a
-  // container parent, for an empty identifier, or when it cannot be made a directory.
-  std::optional<std::filesystem::path> containerURLForSecurityApplicationGroupIdentifier(
-      std::string_view groupIdentifier) override;
-  bool createDirectory(const std::filesystem::path& directory) override;
-  // The final file has mode 0644 whatever the umask. False (and the target untouched) on any
-  // failure.
-  bool writeStringAtomically(const std::filesystem::path& file, std::string_view text) override;
-  std::filesystem::path temporaryDirectory() override { return temporaryDirectory_; }
-
-  // The text forms: the same results, without path objects or allocations (beyond `path`
-  // growing) when the directories exist already.
+  // containerParent / groupIdentifier, created with its parents when missing; false without a
+  // container parent, for an empty identifier, or when it cannot be made a directory. No path
+  // object or allocation (beyond `path` growing) when the directory exists already.
   bool containerPathForSecurityApplicationGroupIdentifier(std::string_view groupIdentifier,
                                                           std::string& path) override;
   bool createDirectoryAtPath(const std::string& directory) override;
+  // The final file has mode 0644 whatever the umask. False (and the target untouched) on any
+  // failure.
   bool writeStringAtomicallyToPath(const std::string& file, std::string_view text) override;
   void temporaryDirectoryPath(std::string& path) override;
 

@@ -29,25 +29,6 @@ void WriteBehindFileManager::flush() {
   }
 }
 
-std::optional<std::filesystem::path>
-WriteBehindFileManager::containerURLForSecurityApplicationGroupIdentifier(
-    std::string_view groupIdentifier) {
-  return files_.containerURLForSecurityApplicationGroupIdentifier(groupIdentifier);
-}
-
-bool WriteBehindFileManager::createDirectory(const std::filesystem::path& directory) {
-  return files_.createDirectory(directory);
-}
-
-bool WriteBehindFileManager::writeStringAtomically(const std::filesystem::path& file,
-                                                   std::string_view text) {
-  return writeStringAtomicallyToPath(file.native(), text);
-}
-
-std::filesystem::path WriteBehindFileManager::temporaryDirectory() {
-  return files_.temporaryDirectory();
-}
-
 bool WriteBehindFileManager::containerPathForSecurityApplicationGroupIdentifier(
     std::string_view groupIdentifier, std::string& path) {
   return files_.containerPathForSecurityApplicationGroupIdentifier(groupIdentifier, path);

@@ -26,11 +26,12 @@
 #include <vector>
 
 #include "PosixFileManager.h"
+#include "TextFileManager.h"
 #include "platform/ThreadAnnotations.h"
 
 namespace flowmere::common {
 
-class WriteBehindFileManager final : public platform::FileManager {
+class WriteBehindFileManager final : public TextFileManager {
  public:
   static constexpr std::chrono::milliseconds kDefaultSpacing{100};
 
@@ -45,18 +46,11 @@ class WriteBehindFileManager final : public platform::FileManager {
   // waiting for the next round.
   void flush() EXCLUDES(mutex_);
 
-  std::optional<std::filesystem::path> containerURLForSecurityApplicationGroupIdentifier(
-      std::string_view groupIdentifier) override;
-  bool createDirectory(const std::filesystem::path& directory) override;
-  // Accepts the write: true unless the target has no file name. The file is replaced shortly
-  // after, on the writer thread.
-  bool writeStringAtomically(const std::filesystem::path& file, std::string_view text) override;
-  std::filesystem::path temporaryDirectory() override;
-
   bool containerPathForSecurityApplicationGroupIdentifier(std::string_view groupIdentifier,
                                                           std::string& path) override;
   bool createDirectoryAtPath(const std::string& directory) override;
-  // Allocation-free once each file has been written once.
+  // Accepts the write: true unless the target has no file name. The file is replaced shortly
+  // after, on the writer thread. Allocation-free once each file has been written once.
   bool writeStringAtomicallyToPath(const std::string& file, std::string_view text) override
       EXCLUDES(mutex_);
   void temporaryDirectoryPath(std::string& path) override;

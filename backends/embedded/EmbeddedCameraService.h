@@ -22,9 +22,9 @@
 //   reaches the extension when it is pushed instead of at the loop's next retry.
 //
 // Threading: every public operation may be called from any thread unless it says otherwise.
-// `mutex_` guards the registry, the clients, the producer queues, the subscribers and the fault
-// switches (except the consume answer delay and the file-write switch, which are atomics); it
-// is never held while calling into the extension or a subscriber.
+// `mutex_` guards the published provider, the settings stores and the fault switches (except the
+// consume answer delay and the file-write switch, which are atomics); each observer list has a
+// leaf lock of its own. No lock is held while calling into the extension or a subscriber.
 
 #include <atomic>
 #include <chrono>
@@ -38,16 +38,19 @@
 #include <string>
 #include <vector>
 
-#include "EmbeddedQueues.h"
+#include "EmbeddedDevice.h"
+#include "EmbeddedFileManager.h"
+#include "EmbeddedProvider.h"
+#include "EmbeddedSettings.h"
 #include "EmbeddedStream.h"
+#include "ObserverList.h"
 #include "VirtualClock.h"
+#include "VirtualSerialQueue.h"
+#include "common/ThreadSerialQueue.h"
 #include "platform/Platform.h"
 #include "platform/ThreadAnnotations.h"
 
 namespace flowmere::embedded {
-
-class EmbeddedCameraService;
-class EmbeddedFileManager;
 
 enum class TimeMode { kVirtual, kReal };
 
@@ -83,54 +86,6 @@ struct EmbeddedOptions {
   EmbeddedFaults faults;
   // Receives every log line; null: the lines go to stderr.
   std::function<void(std::string_view)> logSink;
-};
-
-class EmbeddedDevice final : public platform::Device {
- public:
-  EmbeddedDevice(EmbeddedCameraService& service, std::string localizedName, platform::Uuid deviceID,
-                 std::weak_ptr<platform::DeviceSource> source)
-      : service_(service),
-        localizedName_(std::move(localizedName)),
-        deviceID_(deviceID),
-        source_(std::move(source)) {}
-
-  [[nodiscard]] const std::string& localizedName() const override { return localizedName_; }
-  [[nodiscard]] const platform::Uuid& deviceID() const override { return deviceID_; }
-  platform::Status addStream(const std::shared_ptr<platform::Stream>& stream) override;
-
-  [[nodiscard]] std::vector<std::shared_ptr<EmbeddedStream>> streams() const;
-  [[nodiscard]] platform::PropertySet availableProperties();
-  platform::Result<platform::DeviceProperties> getProperties(const platform::PropertySet& names);
-  platform::Status setProperties(const platform::DeviceProperties& properties);
-
- private:
-  EmbeddedCameraService& service_;
-  const std::string localizedName_;
-  const platform::Uuid deviceID_;
-  const std::weak_ptr<platform::DeviceSource> source_;
-  mutable platform::Mutex mutex_;
-  std::vector<std::shared_ptr<EmbeddedStream>> streams_ GUARDED_BY(mutex_);
-};
-
-class EmbeddedProvider final : public platform::Provider {
- public:
-  EmbeddedProvider(EmbeddedCameraService& service, std::weak_ptr<platform::ProviderSource> source)
-      : service_(service), source_(std::move(source)) {}
-
-  platform::Status addDevice(const std::shared_ptr<platform::Device>& device) override;
-
-  [[nodiscard]] std::vector<std::shared_ptr<EmbeddedDevice>> devices() const;
-  platform::Status connect(const std::shared_ptr<const platform::Client>& client);
-  void disconnect(const std::shared_ptr<const platform::Client>& client);
-  [[nodiscard]] platform::PropertySet availableProperties();
-  platform::Result<platform::ProviderProperties> getProperties(const platform::PropertySet& names);
-  platform::Status setProperties(const platform::ProviderProperties& properties);
-
- private:
-  EmbeddedCameraService& service_;
-  const std::weak_ptr<platform::ProviderSource> source_;
-  mutable platform::Mutex mutex_;
-  std::vector<std::shared_ptr<EmbeddedDevice>> devices_ GUARDED_BY(mutex_);
 };
 
 class EmbeddedCameraService final : public platform::Platform,
@@ -195,16 +150,19 @@ class EmbeddedCameraService final : public platform::Platform,
 
   // Subscribers. They are called on the thread that sends (the consume queue for frames and
   // scheduled outputs), so they must be quick and must not call back into the extension.
-  using SendObserver =
-      std::function<void(const EmbeddedStream&, const std::shared_ptr<platform::SampleBuffer>&,
-                         platform::StreamDiscontinuityFlags, std::uint64_t)>;
-  using ScheduledOutputObserver =
-      std::function<void(const EmbeddedStream&, const platform::ScheduledOutput&)>;
-  using PropertiesObserver =
-      std::function<void(const EmbeddedStream&, const platform::PropertyStateMap&)>;
+  using SendObservers =
+      ObserverList<const EmbeddedStream&, const std::shared_ptr<platform::SampleBuffer>&,
+                   platform::StreamDiscontinuityFlags, std::uint64_t>;
+  using ScheduledOutputObservers =
+      ObserverList<const EmbeddedStream&, const platform::ScheduledOutput&>;
+  using PropertiesObservers =
+      ObserverList<const EmbeddedStream&, const platform::PropertyStateMap&>;
+  using SendObserver = SendObservers::Observer;
+  using ScheduledOutputObserver = ScheduledOutputObservers::Observer;
+  using PropertiesObserver = PropertiesObservers::Observer;
   // Settings writes (key, value) and successful state-file writes (path, text).
-  using SettingsObserver = std::function<void(std::string_view, const platform::PropertyValue&)>;
-  using FileObserver = std::function<void(const std::filesystem::path&, std::string_view)>;
+  using SettingsObserver = SettingsWriteObservers::Observer;
+  using FileObserver = FileWriteObservers::Observer;
   void onSend(SendObserver observer);
   void onScheduledOutput(ScheduledOutputObserver observer);
   void onPropertiesChanged(PropertiesObserver observer);
@@ -215,6 +173,16 @@ class EmbeddedCameraService final : public platform::Platform,
   // virtual time; on the platform thread in real time, waiting for its result.
   template <typename F>
   auto callExtension(F&& call) -> decltype(call());
+  // As callExtension, on the extension object behind `source`; `fallback` when it is gone.
+  template <typename Source, typename Fallback, typename Call>
+  auto callSource(const std::weak_ptr<Source>& source, Fallback fallback, Call&& call)
+      -> decltype(call(std::declval<Source&>())) {
+    const std::shared_ptr<Source> strong = source.lock();
+    if (!strong) {
+      return fallback;
+    }
+    return callExtension([&] { return call(*strong); });
+  }
 
   // Internal: used by the embedded objects.
   void dispatchCompletion(platform::Work work);
@@ -231,17 +199,26 @@ class EmbeddedCameraService final : public platform::Platform,
   std::optional<platform::Error> takeConsumeFault();
   void notifySend(const EmbeddedStream& stream,
                   const std::shared_ptr<platform::SampleBuffer>& buffer,
-                  platform::StreamDiscontinuityFlags discontinuity, std::uint64_t hostTime);
-  void notifyScheduledOutput(const EmbeddedStream& stream, const platform::ScheduledOutput& output);
-  void notifyProperties(const EmbeddedStream& stream, const platform::PropertyStateMap& changes);
-  void notifySettingsWrite(std::string_view key, const platform::PropertyValue& value);
-  void notifyFileWrite(const std::string& path, std::string_view text);
+                  platform::StreamDiscontinuityFlags discontinuity, std::uint64_t hostTime) {
+    sendObservers_.notify(stream, buffer, discontinuity, hostTime);
+  }
+  void notifyScheduledOutput(const EmbeddedStream& stream,
+                             const platform::ScheduledOutput& output) {
+    scheduledObservers_.notify(stream, output);
+  }
+  void notifyProperties(const EmbeddedStream& stream, const platform::PropertyStateMap& changes) {
+    propertiesObservers_.notify(stream, changes);
+  }
   void writeLog(std::string_view line);
 
  private:
-  class SharedSettingsStore;
-
   const EmbeddedOptions options_;
+  // Declared before the file manager and the settings stores, which borrow them.
+  SendObservers sendObservers_;
+  ScheduledOutputObservers scheduledObservers_;
+  PropertiesObservers propertiesObservers_;
+  SettingsWriteObservers settingsObservers_;
+  FileWriteObservers fileObservers_;
   const std::chrono::nanoseconds consumeWaitLimit_;
   std::atomic<bool> shutDown_{false};
   std::unique_ptr<ManualExecutor> executor_;
@@ -249,7 +226,7 @@ class EmbeddedCameraService final : public platform::Platform,
   std::unique_ptr<platform::Log> log_;
   std::unique_ptr<EmbeddedFileManager> fileManager_;
   // Real time only: runs client calls and consume completions.
-  std::shared_ptr<ThreadSerialQueue> platformQueue_;
+  std::shared_ptr<common::ThreadSerialQueue> platformQueue_;
   std::shared_ptr<platform::SerialQueue> completionQueue_;
 
   mutable platform::Mutex mutex_;
@@ -259,15 +236,6 @@ class EmbeddedCameraService final : public platform::Platform,
   // Read on every consume request without the lock.
   std::atomic<std::int64_t> consumeAnswerDelayNanoseconds_{0};
   std::string consumeFaultDescription_ GUARDED_BY(mutex_);
-  // Observer lists are replaced, never changed in place, so a notification copies one pointer
-  // under the lock and calls the observers outside it without allocating.
-  template <typename T>
-  using ObserverList = std::shared_ptr<const std::vector<T>>;
-  ObserverList<SendObserver> sendObservers_ GUARDED_BY(mutex_);
-  ObserverList<ScheduledOutputObserver> scheduledObservers_ GUARDED_BY(mutex_);
-  ObserverList<PropertiesObserver> propertiesObservers_ GUARDED_BY(mutex_);
-  ObserverList<SettingsObserver> settingsObservers_ GUARDED_BY(mutex_);
-  ObserverList<FileObserver> fileObservers_ GUARDED_BY(mutex_);
   std::map<std::filesystem::path, std::shared_ptr<SharedSettingsStore>> settingsStores_
       GUARDED_BY(mutex_);
   std::mutex runLoopMutex_;

@@ -1,62 +1,6 @@
 #include "VirtualClock.h"
 
-#include <time.h>
-
-#include <algorithm>
-
 namespace flowmere::embedded {
-
-std::int64_t ManualExecutor::nowNanoseconds() const {
-  const platform::Locker lock(mutex_);
-  return now_;
-}
-
-void ManualExecutor::schedule(std::int64_t deadlineNanoseconds, platform::Work&& work) {
-  const platform::Locker lock(mutex_);
-  items_.push(deadlineNanoseconds, std::move(work));
-}
-
-void ManualExecutor::advanceTo(std::int64_t timeNanoseconds) {
-  while (true) {
-    platform::Work work;
-    {
-      const platform::Locker lock(mutex_);
-      if (items_.empty() || items_.nextDeadline() > timeNanoseconds) {
-        if (timeNanoseconds > now_) {
-          now_ = timeNanoseconds;
-        }
-        return;
-      }
-      now_ = std::max(now_, items_.nextDeadline());
-      work = items_.pop();
-    }
-    work();
-  }
-}
-
-void ManualExecutor::runAllUntil(std::int64_t limitNanoseconds) {
-  while (true) {
-    const std::optional<std::int64_t> next = nextDeadline();
-    if (!next || *next > limitNanoseconds) {
-      advanceTo(limitNanoseconds);
-      return;
-    }
-    advanceTo(*next);
-  }
-}
-
-std::optional<std::int64_t> ManualExecutor::nextDeadline() const {
-  const platform::Locker lock(mutex_);
-  if (items_.empty()) {
-    return std::nullopt;
-  }
-  return items_.nextDeadline();
-}
-
-std::size_t ManualExecutor::pendingCount() const {
-  const platform::Locker lock(mutex_);
-  return items_.size();
-}
 
 platform::MediaTime VirtualClock::hostTime() const {
   return platform::MediaTime::make(executor_.nowNanoseconds(),
@@ -65,20 +9,6 @@ platform::MediaTime VirtualClock::hostTime() const {
 
 double VirtualClock::systemUptime() const {
   return static_cast<double>(executor_.nowNanoseconds()) / 1e9;
-}
-
-std::int64_t MonotonicClock::nowNanoseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
-
-platform::MediaTime MonotonicClock::hostTime() const {
-  return platform::MediaTime::make(nowNanoseconds(), platform::MediaTime::kNanosecondTimescale);
-}
-
-double MonotonicClock::systemUptime() const {
-  return static_cast<double>(nowNanoseconds()) / 1e9;
 }
 
 }  // namespace flowmere::embedded

@@ -5,11 +5,11 @@
 #include "PipeWireSinkStream.h"
 #include "PipeWireSourceStream.h"
 #include "common/LineLog.h"
+#include "common/MonotonicClock.h"
 #include "common/PosixFileManager.h"
 #include "common/SqliteSettingsSuite.h"
+#include "common/ThreadSerialQueue.h"
 #include "common/WriteBehindFileManager.h"
-#include "embedded/EmbeddedQueues.h"
-#include "embedded/VirtualClock.h"
 
 namespace flowmere::pipewire {
 
@@ -33,13 +33,13 @@ PipeWireCameraService::PipeWireCameraService(PipeWireOptions options)
     : options_(std::move(options)) {
   pw_init(nullptr, nullptr);
   log_ = std::make_unique<common::LineLog>(options_.logSink);
-  clock_ = std::make_unique<embedded::MonotonicClock>();
+  clock_ = std::make_unique<common::MonotonicClock>();
   // State files are replaced behind the relay, off the frame's path.
   fileManager_ = std::make_unique<common::WriteBehindFileManager>(common::PosixFileManager(
       options_.containerParent ? options_.containerParent
                                : common::PosixFileManager::defaultContainerParent(),
       std::filesystem::path(kTemporaryDirectory)));
-  platformQueue_ = std::make_shared<embedded::ThreadSerialQueue>("pipewire.platform");
+  platformQueue_ = std::make_shared<common::ThreadSerialQueue>("pipewire.platform");
   auto makeLoop = [this](const char* name, std::shared_ptr<PipeWireLoop>& slot) {
     LoopCallbacks callbacks;
     callbacks.log = [this](std::string_view line) { writeLog(line); };
@@ -246,11 +246,11 @@ int PipeWireCameraService::exitStatus() const {
 
 std::shared_ptr<platform::SerialQueue> PipeWireCameraService::createSerialQueue(
     const platform::QueueAttributes& attributes) {
-  embedded::ThreadQueueOptions queueOptions;
+  common::ThreadQueueOptions queueOptions;
   if (attributes.qualityOfService == platform::QualityOfService::kUserInteractive) {
     queueOptions.timerSlackNanoseconds = 1;
   }
-  return std::make_shared<embedded::ThreadSerialQueue>(attributes.label, queueOptions);
+  return std::make_shared<common::ThreadSerialQueue>(attributes.label, queueOptions);
 }
 
 std::shared_ptr<platform::SettingsSuite> PipeWireCameraService::openSettingsSuite(

@@ -33,13 +33,10 @@
 
 namespace flowmere::common {
 class LineLog;
+class ThreadSerialQueue;
 class WriteBehindFileManager;
 class SqliteSettingsSuite;
 }  // namespace flowmere::common
-
-namespace flowmere::embedded {
-class ThreadSerialQueue;
-}
 
 namespace flowmere::pipewire {
 
@@ -130,7 +127,7 @@ class PipeWireCameraService final : public platform::Platform {
   std::mutex publishedMutex_;
   std::vector<std::shared_ptr<PipeWireStream>> published_;  // by publishedMutex_
 
-  std::shared_ptr<embedded::ThreadSerialQueue> platformQueue_;
+  std::shared_ptr<common::ThreadSerialQueue> platformQueue_;
   std::unique_ptr<common::WriteBehindFileManager> fileManager_;
   std::unique_ptr<platform::Clock> clock_;
 

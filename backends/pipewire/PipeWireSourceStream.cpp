@@ -8,12 +8,12 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <fstream>
 #include <string>
 
 #include "FrameCopy.h"
 #include "PipeWireCameraService.h"
+#include "common/MonotonicTime.h"
 
 namespace flowmere::pipewire {
 
@@ -38,12 +38,6 @@ class AccessGuard {
  private:
   platform::ExternalMemory* memory_;
 };
-
-std::int64_t monotonicNanoseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
 
 // "gst-launch-1.0 (pid 4242)", as the log names a client.
 std::string describeClient(const std::shared_ptr<const platform::Client>& client) {
@@ -294,7 +288,7 @@ void PipeWireSourceStream::sendSampleBuffer(const std::shared_ptr<platform::Samp
         pixels->planeCount() != layout_->planeCount) {
       return;
     }
-    const std::int64_t now = monotonicNanoseconds();
+    const std::int64_t now = common::monotonicNanoseconds();
     lastFrameArrival_ = now;  // the idle picture stays away while frames come, streaming or not
     if (state_ != PW_STREAM_STATE_STREAMING) {
       return;
@@ -390,7 +384,7 @@ void PipeWireSourceStream::tick() {
   if (!stream_ || state_ != PW_STREAM_STATE_STREAMING) {
     return;
   }
-  const std::int64_t now = monotonicNanoseconds();
+  const std::int64_t now = common::monotonicNanoseconds();
   if (now - lastFrameArrival_ >= kIdleAfterNanoseconds) {
     sendIdlePicture(now);
   }
@@ -537,7 +531,7 @@ void PipeWireSourceStream::linksChanged() {
     return;
   }
   auto links = loop_->peers().linksOf(pw_stream_get_node_id(stream_));
-  const std::int64_t now = monotonicNanoseconds();
+  const std::int64_t now = common::monotonicNanoseconds();
   for (const auto& before : links_) {
     const bool stays = std::any_of(links.begin(), links.end(),
                                    [&](const auto& after) { return after.id == before.id; });

@@ -26,17 +26,14 @@
 #include <string>
 #include <vector>
 
+#include "common/MonotonicTime.h"
 #include "realtime/RealTimeRelay.h"
 #include "sink/VANEProbeSinkStream.h"
 
 namespace flowmere {
 namespace {
 
-std::int64_t monotonicNanoseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
+using common::monotonicNanoseconds;
 
 // Set from the command line before the benchmarks run; read-only afterwards.
 double trialSeconds = 10.0;

@@ -11,6 +11,7 @@
 #include <mutex>
 
 #include "VANEProbeExtensionProvider.h"
+#include "common/MonotonicTime.h"
 #include "embedded/EmbeddedCameraService.h"
 #include "formats/FormatCatalogue.h"
 
@@ -18,18 +19,8 @@ namespace flowmere::bench {
 
 namespace {
 
-std::int64_t monotonicNanoseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
-
-void sleepUntil(std::int64_t deadline) {
-  const timespec target{static_cast<time_t>(deadline / 1'000'000'000),
-                        static_cast<long>(deadline % 1'000'000'000)};
-  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &target, nullptr) == EINTR) {
-  }
-}
+using common::monotonicNanoseconds;
+using common::sleepUntil;
 
 // Distinct pixel buffers the producer cycles through: one more than the producer queue holds,
 // so that no buffer is pushed again while an earlier push of it still waits.

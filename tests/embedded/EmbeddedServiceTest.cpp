@@ -1,12 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <future>
 #include <string>
 #include <vector>
 
-#include "embedded/DeadlineQueue.h"
-#include "embedded/EmbeddedQueues.h"
 #include "embedded/VirtualClock.h"
+#include "embedded/VirtualSerialQueue.h"
 
 namespace flowmere::embedded {
 namespace {
@@ -45,28 +43,6 @@ TEST(ManualExecutorTest, WorkScheduledByWorkRunsInTheSameAdvanceWhenDue) {
   EXPECT_EQ(executor.nextDeadline(), kStart + 110);
 }
 
-TEST(DeadlineQueueTest, KeepsOrderWhileSlotsAreReusedAndReleasesCapturesOnPop) {
-  DeadlineQueue queue;
-  std::vector<std::string> ran;
-  auto token = std::make_shared<int>(0);
-  const auto add = [&](std::int64_t deadline, std::string name) {
-    queue.push(deadline, [&ran, token, name = std::move(name)] { ran.push_back(name); });
-  };
-  add(30, "c");
-  add(10, "a");
-  add(20, "b");
-  queue.pop()();                    // a; its slot is free again
-  EXPECT_EQ(token.use_count(), 3);  // popped work no longer pins its captures in the queue
-  add(5, "early");
-  add(20, "b2");  // same deadline as b, submitted later
-  add(40, "d");
-  while (!queue.empty()) {
-    queue.pop()();
-  }
-  EXPECT_EQ(ran, (std::vector<std::string>{"a", "early", "b", "b2", "c", "d"}));
-  EXPECT_EQ(token.use_count(), 1);
-}
-
 TEST(ManualExecutorTest, ZeroAndNegativeDelaysRunAtTheCurrentTimeInOrder) {
   ManualExecutor executor(kStart);
   VirtualSerialQueue queue("q", executor);
@@ -78,25 +54,6 @@ TEST(ManualExecutorTest, ZeroAndNegativeDelaysRunAtTheCurrentTimeInOrder) {
   executor.runUntilIdle();
   EXPECT_EQ(ran, (std::vector<int>{1, 2, 3}));
   EXPECT_EQ(executor.nowNanoseconds(), kStart);
-}
-
-TEST(ThreadSerialQueueTest, RunsWorkSeriallyInDeadlineOrderOffTheCallersThread) {
-  ThreadSerialQueue queue("test.queue", ThreadQueueOptions{1});
-  std::vector<int> ran;
-  std::promise<void> done;
-  const auto caller = std::this_thread::get_id();
-  bool offCaller = true;
-  queue.asyncAfter(std::chrono::milliseconds(2), [&] {
-    ran.push_back(2);
-    done.set_value();
-  });
-  queue.async([&] {
-    offCaller = std::this_thread::get_id() != caller;
-    ran.push_back(1);
-  });
-  done.get_future().wait();
-  EXPECT_TRUE(offCaller);
-  EXPECT_EQ(ran, (std::vector<int>{1, 2}));
 }
 
 }  // namespace

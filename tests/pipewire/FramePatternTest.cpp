@@ -15,6 +15,8 @@
 namespace flowmere::producer {
 namespace {
 
+using namespace flowmere::pattern;  // NOLINT(google-build-using-namespace): the unit under test
+
 // A BGRA frame of the pattern, written as PNG and read back, is the pattern pixel for pixel
 // and names its own frame number: what the capture check relies on.
 TEST(FramePatternTest, APatternFrameSurvivesAPngRoundTrip) {

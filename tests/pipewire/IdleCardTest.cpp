@@ -40,14 +40,14 @@ std::optional<std::uint32_t> counterOf(const IdleCard& card) {
   const FrameLayout& layout = card.layout();
   const std::byte* base = card.pixels().data();
   const bool p010 = layout.pixelFormat != platform::kCVPixelFormatType_32BGRA;
-  return producer::readCounter(layout.width, layout.height, [&](std::uint32_t x, std::uint32_t y) {
+  return pattern::readCounter(layout.width, layout.height, [&](std::uint32_t x, std::uint32_t y) {
     const std::byte* pixel =
         base + static_cast<std::size_t>(y) * layout.stride + x * (p010 ? 2 : 4);
     if (p010) {
-      return producer::p010LumaGrey(sample(pixel));
+      return pattern::p010LumaGrey(sample(pixel));
     }
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(pixel);
-    return producer::Rgb{bytes[2], bytes[1], bytes[0]};
+    return pattern::Rgb{bytes[2], bytes[1], bytes[0]};
   });
 }
 
@@ -139,10 +139,10 @@ TEST(IdleCardTest, AUsersPictureReplacesTheCardAndABadOneFallsBackToIt) {
   const auto pixelAt = [&](std::uint32_t x, std::uint32_t y) {
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(card->pixels().data()) +
                         static_cast<std::size_t>(y) * layout.stride + x * 4;
-    return producer::Rgb{bytes[2], bytes[1], bytes[0]};
+    return pattern::Rgb{bytes[2], bytes[1], bytes[0]};
   };
-  EXPECT_EQ(pixelAt(640, 300), (producer::Rgb{255, 0, 0}));
-  EXPECT_NE(pixelAt(640, 20), (producer::Rgb{255, 0, 0}));  // letterboxed: 1280x640 of red
+  EXPECT_EQ(pixelAt(640, 300), (pattern::Rgb{255, 0, 0}));
+  EXPECT_NE(pixelAt(640, 20), (pattern::Rgb{255, 0, 0}));  // letterboxed: 1280x640 of red
   EXPECT_EQ(counterOf(*card), IdleCard::kIdleCounter);
 
   const auto bad = scratch.path() / "bad.png";

@@ -44,8 +44,8 @@ int runCheck(int argc, char** argv) {
       continue;
     }
     const auto counter =
-        readCounter(image.width, image.height,
-                    [&](std::uint32_t x, std::uint32_t y) { return image.at(x, y); });
+        pattern::readCounter(image.width, image.height,
+                             [&](std::uint32_t x, std::uint32_t y) { return image.at(x, y); });
     if (!counter) {
       std::fprintf(stderr, "%s: no frame counter\n", path.c_str());
       ++bad;
@@ -54,7 +54,7 @@ int runCheck(int argc, char** argv) {
     std::size_t wrong = 0;
     for (std::uint32_t y = 0; y < image.height; ++y) {
       for (std::uint32_t x = 0; x < image.width; ++x) {
-        wrong += image.at(x, y) == patternPixel(x, y, image.width, *counter) ? 0 : 1;
+        wrong += image.at(x, y) == pattern::patternPixel(x, y, image.width, *counter) ? 0 : 1;
       }
     }
     if (wrong > 0) {

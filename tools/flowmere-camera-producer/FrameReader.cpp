@@ -8,17 +8,14 @@
 #include <ctime>
 #include <system_error>
 
+#include "common/MonotonicTime.h"
+
 namespace flowmere::producer {
 
 namespace {
 
 using Locker = platform::Locker<platform::Mutex>;
-
-std::int64_t monotonicNanoseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
+using common::monotonicNanoseconds;
 
 }  // namespace
 

@@ -81,7 +81,8 @@ RgbImage readPng(const std::filesystem::path& file, std::string& error) {
     error = "image data does not inflate to the expected size";
     return {};
   }
-  RgbImage image{width, height, std::vector<Rgb>(static_cast<std::size_t>(width) * height)};
+  RgbImage image{width, height,
+                 std::vector<pattern::Rgb>(static_cast<std::size_t>(width) * height)};
   std::vector<std::uint8_t> previous(rowBytes, 0);
   std::vector<std::uint8_t> current(rowBytes, 0);
   for (std::uint32_t y = 0; y < height; ++y) {
@@ -116,7 +117,8 @@ RgbImage readPng(const std::filesystem::path& file, std::string& error) {
     }
     for (std::uint32_t x = 0; x < width; ++x) {
       const std::uint8_t* pixel = &current[static_cast<std::size_t>(x) * channels];
-      image.pixels[static_cast<std::size_t>(y) * width + x] = Rgb{pixel[0], pixel[1], pixel[2]};
+      image.pixels[static_cast<std::size_t>(y) * width + x] =
+          pattern::Rgb{pixel[0], pixel[1], pixel[2]};
     }
     previous.swap(current);
   }

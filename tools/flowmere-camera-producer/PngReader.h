@@ -15,8 +15,8 @@ namespace flowmere::producer {
 struct RgbImage {
   std::uint32_t width = 0;
   std::uint32_t height = 0;
-  std::vector<Rgb> pixels;  // row by row
-  [[nodiscard]] const Rgb& at(std::uint32_t x, std::uint32_t y) const {
+  std::vector<pattern::Rgb> pixels;  // row by row
+  [[nodiscard]] const pattern::Rgb& at(std::uint32_t x, std::uint32_t y) const {
     return pixels[static_cast<std::size_t>(y) * width + x];
   }
 };

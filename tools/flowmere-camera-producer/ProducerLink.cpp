@@ -11,6 +11,7 @@
 #include <string>
 #include <system_error>
 
+#include "common/MonotonicTime.h"
 #include "formats/FormatCatalogue.h"
 
 namespace flowmere::producer {
@@ -136,7 +137,7 @@ void onStateChanged(void* data, pw_stream_state /*old*/, pw_stream_state state, 
     } else {
       // The schedule starts once the first frame is drawn (see Producer::prepared): that frame
       // then goes out at once, at its own time.
-      scheduleDrawing(producer, monotonicNanoseconds());
+      scheduleDrawing(producer, common::monotonicNanoseconds());
     }
   } else if (producer.streaming && producer.reader) {
     pw_loop_signal_event(loop, producer.inputEvent);  // a frame that arrived before the link
@@ -202,12 +203,6 @@ void onTimeout(void* data, std::uint64_t /*expirations*/) {
 }
 
 }  // namespace
-
-std::int64_t monotonicNanoseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
 
 void describeFormat(Producer& producer) {
   const ProducerOptions& options = producer.options;
@@ -295,7 +290,7 @@ bool connectProducer(Producer& producer, void (*process)(void*)) {
 void startSchedule(Producer& producer) {
   // The schedule is the timer's own: it fires at the first frame's time and every period after,
   // never early, so each tick finds its frame due.
-  const std::int64_t start = monotonicNanoseconds();
+  const std::int64_t start = common::monotonicNanoseconds();
   producer.nextDue = start;
   producer.scheduled = true;
   const timespec first = timespecFor(start);
@@ -312,8 +307,9 @@ void scheduleDrawing(Producer& producer, std::int64_t time) {
 
 void printSummary(const Producer& producer) {
   const double elapsed =
-      producer.frame > 0 ? static_cast<double>(monotonicNanoseconds() - producer.firstPush) / 1e9
-                         : 0.0;
+      producer.frame > 0
+          ? static_cast<double>(common::monotonicNanoseconds() - producer.firstPush) / 1e9
+          : 0.0;
   std::printf("pushed %llu frames in %.2f s (%.2f fps), skipped %llu",
               static_cast<unsigned long long>(producer.frame), elapsed,
               elapsed > 0 ? static_cast<double>(producer.frame) / elapsed : 0.0,

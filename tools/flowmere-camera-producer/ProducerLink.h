@@ -67,8 +67,6 @@ struct Producer {
   }
 };
 
-std::int64_t monotonicNanoseconds();
-
 // Sets `info`, `layout` and `period` from the options, and says on stderr when the format is not
 // one that the camera takes.
 void describeFormat(Producer& producer);

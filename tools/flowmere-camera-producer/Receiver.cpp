@@ -32,6 +32,7 @@
 #include "FramePattern.h"
 #include "ProducerOptions.h"
 #include "TimestampLog.h"
+#include "common/MonotonicTime.h"
 #include "pipewire/IdleCard.h"
 #include "pipewire/SpaFormats.h"
 
@@ -44,12 +45,6 @@ struct ReceiveOptions {
   std::string saveFrame;  // --save-frame: where the first frame's packed rows go
   double seconds = 0;     // 0: until interrupted
 };
-
-std::int64_t monotonicNanoseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
 
 // The whole receiver: one input stream on a main loop. The stream is not RT_PROCESS, so its
 // process callback runs on the main-loop thread like every other callback; every field belongs
@@ -131,24 +126,25 @@ std::optional<std::uint32_t> counterOf(const Receiver& receiver, const spa_data&
   const std::size_t stride =
       block.chunk->stride > 0 ? static_cast<std::size_t>(block.chunk->stride) : rowBytes;
   const std::size_t offset = block.chunk->offset % std::max<std::uint32_t>(block.maxsize, 1);
-  if (stride < rowBytes || block.chunk->size < stride * kCounterRows ||
-      offset + stride * kCounterRows > block.maxsize) {
+  if (stride < rowBytes || block.chunk->size < stride * pattern::kCounterRows ||
+      offset + stride * pattern::kCounterRows > block.maxsize) {
     return std::nullopt;
   }
   const auto* base = static_cast<const std::uint8_t*>(block.data) + offset;
-  return readCounter(receiver.width, receiver.height, [&](std::uint32_t x, std::uint32_t y) {
-    const std::uint8_t* pixel = base + y * stride + static_cast<std::size_t>(x) * pixelBytes;
-    if (p010) {
-      return p010LumaGrey(static_cast<std::uint16_t>(pixel[0] | (pixel[1] << 8U)));
-    }
-    return Rgb{pixel[2], pixel[1], pixel[0]};
-  });
+  return pattern::readCounter(
+      receiver.width, receiver.height, [&](std::uint32_t x, std::uint32_t y) {
+        const std::uint8_t* pixel = base + y * stride + static_cast<std::size_t>(x) * pixelBytes;
+        if (p010) {
+          return pattern::p010LumaGrey(static_cast<std::uint16_t>(pixel[0] | (pixel[1] << 8U)));
+        }
+        return pattern::Rgb{pixel[2], pixel[1], pixel[0]};
+      });
 }
 
 void onProcess(void* data) {
   auto& receiver = *static_cast<Receiver*>(data);
   while (pw_buffer* buffer = pw_stream_dequeue_buffer(receiver.stream)) {
-    const std::int64_t now = monotonicNanoseconds();
+    const std::int64_t now = common::monotonicNanoseconds();
     const std::optional<std::uint32_t> number = counterOf(receiver, buffer->buffer->datas[0]);
     if (number != pipewire::IdleCard::kIdleCounter) {
       countBuffer(receiver, buffer->buffer->datas[0], now);

@@ -29,6 +29,7 @@
 #include "ProducerLink.h"
 #include "ProducerOptions.h"
 #include "Receiver.h"
+#include "common/MonotonicTime.h"
 
 namespace {
 
@@ -54,11 +55,11 @@ void fillFrame(Producer& producer, std::uint8_t* data, const FrameReader::Frame*
     return;
   }
   if (producer.info.format == SPA_VIDEO_FORMAT_BGRA) {
-    flowmere::producer::fillBgra(data, producer.layout.stride, producer.layout.width,
-                                 producer.layout.height, producer.frame);
+    flowmere::pattern::fillBgra(data, producer.layout.stride, producer.layout.width,
+                                producer.layout.height, producer.frame);
   } else {
-    flowmere::producer::fillP010(data, producer.layout.stride, producer.layout.width,
-                                 producer.layout.height, producer.frame);
+    flowmere::pattern::fillP010(data, producer.layout.stride, producer.layout.width,
+                                producer.layout.height, producer.frame);
   }
 }
 
@@ -85,10 +86,10 @@ void sendFrame(Producer& producer, pw_buffer* buffer, std::int64_t pts,
     header->dts_offset = 0;
     header->seq = producer.frame;
   }
-  producer.pushLog.record(producer.frame, flowmere::producer::monotonicNanoseconds());
+  producer.pushLog.record(producer.frame, flowmere::common::monotonicNanoseconds());
   pw_stream_queue_buffer(producer.stream, buffer);
   if (producer.frame == 0) {
-    producer.firstPush = flowmere::producer::monotonicNanoseconds();
+    producer.firstPush = flowmere::common::monotonicNanoseconds();
   }
   ++producer.frame;
 }
@@ -137,7 +138,7 @@ void processLive(Producer& producer) {
 
 // The frame schedule: the pattern, a looped file, or standard input read in order.
 void processScheduled(Producer& producer) {
-  const std::int64_t now = flowmere::producer::monotonicNanoseconds();
+  const std::int64_t now = flowmere::common::monotonicNanoseconds();
   if (producer.nextDue == 0) {
     producer.nextDue = now;
   }

@@ -13,11 +13,12 @@
 #include <unordered_map>
 #include <vector>
 
+#include "FramePattern.h"
 #include "LogFile.h"
 #include "PngWriter.h"
-#include "TestPattern.h"
 #include "VANEProbeExtensionProvider.h"
 #include "VendorIdentifiers.h"
+#include "common/MonotonicTime.h"
 #include "common/PosixFileManager.h"
 #include "embedded/EmbeddedCameraService.h"
 #include "formats/FormatCatalogue.h"
@@ -26,27 +27,34 @@ namespace flowmere::sim {
 
 namespace {
 
+using common::monotonicNanoseconds;
+
 std::atomic<bool> interrupted{false};
 
 void onSignal(int /*signal*/) {
   interrupted.store(true);
 }
 
-std::int64_t monotonicNanoseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
-
 // How long after a push the next frame's drawing starts. Relaying a frame takes about 0.2 ms.
 constexpr std::int64_t kDrawingPause = 2'000'000;
 
-void sleepUntil(std::int64_t deadline) {
-  timespec target{static_cast<time_t>(deadline / 1'000'000'000),
-                  static_cast<long>(deadline % 1'000'000'000)};
-  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &target, nullptr) == EINTR &&
-         !interrupted.load()) {
+// Draws frame `frame` of the test pattern that the producer pushes too: a moving ramp under a
+// frame counter that capture checks can read back.
+void drawPattern(platform::PixelBuffer& buffer, std::uint64_t frame) {
+  const platform::PixelBufferPlane& first = buffer.plane(0);
+  auto* firstData = reinterpret_cast<std::uint8_t*>(first.data);
+  if (buffer.pixelFormat() == platform::kCVPixelFormatType_32BGRA) {
+    pattern::fillBgra(firstData, first.bytesPerRow, buffer.width(), buffer.height(), frame);
+    return;
   }
+  const platform::PixelBufferPlane& chroma = buffer.plane(1);
+  pattern::fillP010(firstData, first.bytesPerRow, reinterpret_cast<std::uint8_t*>(chroma.data),
+                    chroma.bytesPerRow, buffer.width(), buffer.height(), frame);
+}
+
+// Ctrl-C ends a wait for the next frame at once.
+void sleepUntil(std::int64_t deadline) {
+  common::sleepUntil(deadline, interrupted);
 }
 
 struct Percentiles {
@@ -200,7 +208,7 @@ int runDemo(const DemoOptions& options) {
       sleepUntil(due(k - 1) + kDrawingPause);
     }
     auto pixels = platform::PixelBuffer::create(width, height, pixelFormat);
-    drawTestPattern(*pixels, k + 1);
+    drawPattern(*pixels, k + 1);
     if (k > 0) {
       sleepUntil(due(k));
     }

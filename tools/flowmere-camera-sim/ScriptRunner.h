@@ -1,8 +1,9 @@
 #pragma once
 
-// `flowmere-camera-sim run`: a script of producer and client actions, run in virtual time on the
-// embedded camera service, with every observable event printed as one JSON object per line.
-// The same script gives the same output, byte for byte.
+// `flowmere-camera-sim run`: a script of producer and client actions (ScriptParser.h reads it),
+// run in virtual time on the embedded camera service, with every observable event printed as one
+// JSON object per line. The same script gives the same output, byte for byte. Runs on the
+// caller's thread.
 
 #include <filesystem>
 #include <iosfwd>
@@ -21,9 +22,6 @@ struct ScriptOptions {
   // count never go back; no more than one consume request is outstanding.
   bool checkInvariants = false;
 };
-
-// Checks a script without running it. Returns the error ("line N: reason"), or none.
-std::optional<std::string> validateScript(std::istream& script);
 
 // Runs the script read from `script` (named `scriptName` in error messages), writing events to
 // `out`. Returns 0, or 2 after writing "<name>:<line>: <reason>" to `errors` for a malformed

@@ -12,6 +12,7 @@
 #include "CommandLine.h"
 #include "Demo.h"
 #include "LogFile.h"
+#include "ScriptParser.h"
 #include "ScriptRunner.h"
 
 namespace {
@@ -32,6 +33,23 @@ constexpr std::string_view kUsage =
     "  copies it to stderr.\n"
     "run: plays a script in virtual time and prints every observable event as one JSON object\n"
     "  per line, the extension's log lines included.\n";
+
+// The usage, with the script verbs listed from the parser's table, wrapped at 100 columns.
+std::string usage() {
+  std::string text(kUsage);
+  std::string line = "  Script verbs:";
+  for (const std::string_view verb : flowmere::sim::scriptVerbs()) {
+    if (line.size() + verb.size() + 2 > 100) {
+      text += line + '\n';
+      line = "   ";
+    }
+    line += ' ';
+    line += verb;
+    line += ',';
+  }
+  line.back() = '.';
+  return text + line + '\n';
+}
 
 int badUsage(const std::string& message) {
   return flowmere::tools::badUsage(kProgram, message);
@@ -139,7 +157,7 @@ int main(int argc, char** argv) {
   // --help and --version answer wherever they stand, before anything else is checked.
   for (const std::string_view arg : args) {
     if (arg == "--help" || arg == "-h") {
-      return flowmere::tools::printUsage(kUsage);
+      return flowmere::tools::printUsage(usage());
     }
     if (arg == "--version") {
       return flowmere::tools::printVersion(kProgram);

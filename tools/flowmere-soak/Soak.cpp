@@ -21,6 +21,7 @@
 #include "MemoryUsage.h"
 #include "VANEProbeExtensionProvider.h"
 #include "VendorIdentifiers.h"
+#include "common/MonotonicTime.h"
 #include "common/SqliteSettingsSuite.h"
 #include "embedded/EmbeddedCameraService.h"
 #include "platform/SampleBuffer.h"
@@ -29,6 +30,9 @@ namespace flowmere::soak {
 
 namespace {
 
+using common::monotonicNanoseconds;
+using common::sleepUntil;
+
 constexpr std::int64_t kSecond = 1'000'000'000;
 constexpr std::size_t kFailuresKept = 20;
 // Enough for the producer queue (3), a delivery in flight and the buffer being pushed, with room
@@ -36,19 +40,6 @@ constexpr std::size_t kFailuresKept = 20;
 constexpr std::size_t kPoolSlotsPerFormat = 8;
 constexpr const char* kStopBeforeChanging = "Stop capture before changing camera orientation.";
 constexpr const char* kProducerSelected = "The producer selected this session's camera format.";
-
-std::int64_t monotonicNanoseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::int64_t>(now.tv_sec) * kSecond + now.tv_nsec;
-}
-
-void sleepUntil(std::int64_t deadline) {
-  const timespec target{static_cast<time_t>(deadline / kSecond),
-                        static_cast<long>(deadline % kSecond)};
-  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &target, nullptr) == EINTR) {
-  }
-}
 
 std::int64_t toNanoseconds(double seconds) {
   return static_cast<std::int64_t>(std::llround(seconds * 1e9));

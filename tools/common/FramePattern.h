@@ -1,15 +1,16 @@
 #pragma once
 
-// The producer's test pattern, built so that a captured frame can be checked exactly: every
-// pixel is a function of its position and the frame number, and the frame number is written in
-// the top rows as 32 black or white blocks (most significant bit first), which survive any
-// lossless conversion between BGRA and RGB. Pure functions: any thread.
+// The test pattern that the producer and the simulator's demo push, built so that a captured
+// frame can be checked exactly: every pixel is a function of its position and the frame number,
+// and the frame number is written in the top rows as 32 black or white blocks (most significant
+// bit first), which survive any lossless conversion between BGRA and RGB. Pure functions: any
+// thread.
 
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 
-namespace flowmere::producer {
+namespace flowmere::pattern {
 
 inline constexpr std::uint32_t kCounterBits = 32;
 inline constexpr std::uint32_t kCounterRows = 16;
@@ -28,10 +29,19 @@ Rgb patternPixel(std::uint32_t x, std::uint32_t y, std::uint32_t width, std::uin
 void fillBgra(std::uint8_t* data, std::size_t stride, std::uint32_t width, std::uint32_t height,
               std::uint64_t frame);
 
-// Fills a P010 frame (luma plane, then interleaved chroma at half height, both `stride` bytes
-// per row) with a ramp and the counter blocks in luma, video range.
-void fillP010(std::uint8_t* data, std::size_t stride, std::uint32_t width, std::uint32_t height,
+// Fills a 10-bit 4:2:0 frame, P010 layout (16-bit samples, 10 bits most significant bit
+// aligned): the luma plane with a ramp and the counter blocks, video range; the interleaved
+// chroma plane at half height with neutral grey.
+void fillP010(std::uint8_t* luma, std::size_t lumaStride, std::uint8_t* chroma,
+              std::size_t chromaStride, std::uint32_t width, std::uint32_t height,
               std::uint64_t frame);
+// The same for one block holding the luma plane and, right after it, the chroma plane, both
+// `stride` bytes per row.
+inline void fillP010(std::uint8_t* data, std::size_t stride, std::uint32_t width,
+                     std::uint32_t height, std::uint64_t frame) {
+  fillP010(data, stride, data + static_cast<std::size_t>(height) * stride, stride, width, height,
+           frame);
+}
 
 // The grey a P010 luma sample written by fillP010 stands for: the stored 16-bit value (10 bits,
 // most significant bit aligned) from video range 64..940 back to 0..255, clamped. The counter
@@ -58,4 +68,4 @@ std::optional<std::uint32_t> readCounter(std::uint32_t width, std::uint32_t heig
   return value;
 }
 
-}  // namespace flowmere::producer
+}  // namespace flowmere::pattern

@@ -14,7 +14,7 @@
 
 #include "platform/Services.h"
 
-namespace flowmere::embedded {
+namespace flowmere::common {
 
 class DeadlineQueue {
  public:
@@ -65,4 +65,4 @@ class DeadlineQueue {
   std::uint64_t nextOrder_ = 0;
 };
 
-}  // namespace flowmere::embedded
+}  // namespace flowmere::common

@@ -1,20 +1,14 @@
-#include "EmbeddedQueues.h"
+#include "ThreadSerialQueue.h"
 
 #include <pthread.h>
 #include <sys/prctl.h>
 
 #include <algorithm>
+#include <chrono>
 
-namespace flowmere::embedded {
+#include "MonotonicTime.h"
 
-void VirtualSerialQueue::async(platform::Work work) {
-  executor_.schedule(executor_.nowNanoseconds(), std::move(work));
-}
-
-void VirtualSerialQueue::asyncAfter(std::chrono::nanoseconds delay, platform::Work work) {
-  const std::int64_t now = executor_.nowNanoseconds();
-  executor_.schedule(now + std::max<std::int64_t>(delay.count(), 0), std::move(work));
-}
+namespace flowmere::common {
 
 ThreadSerialQueue::ThreadSerialQueue(std::string label, ThreadQueueOptions options)
     : label_(std::move(label)), state_(std::make_shared<State>()) {
@@ -24,10 +18,10 @@ ThreadSerialQueue::ThreadSerialQueue(std::string label, ThreadQueueOptions optio
 
 ThreadSerialQueue::~ThreadSerialQueue() {
   {
-    const std::scoped_lock lock(state_->mutex);
+    const platform::Locker lock(state_->mutex);
     state_->stopping = true;
   }
-  state_->wake.notify_all();
+  state_->wake.notifyAll();
   if (isCurrent()) {
     // Destroyed by one of its own work items: the thread owns the state and ends by itself.
     thread_.detach();
@@ -37,18 +31,17 @@ ThreadSerialQueue::~ThreadSerialQueue() {
 }
 
 void ThreadSerialQueue::async(platform::Work work) {
-  submit(MonotonicClock::nowNanoseconds(), std::move(work));
+  submit(monotonicNanoseconds(), std::move(work));
 }
 
 void ThreadSerialQueue::asyncAfter(std::chrono::nanoseconds delay, platform::Work work) {
-  submit(MonotonicClock::nowNanoseconds() + std::max<std::int64_t>(delay.count(), 0),
-         std::move(work));
+  submit(monotonicNanoseconds() + std::max<std::int64_t>(delay.count(), 0), std::move(work));
 }
 
 void ThreadSerialQueue::submit(std::int64_t deadline, platform::Work&& work) {
   bool earliest = false;
   {
-    const std::scoped_lock lock(state_->mutex);
+    const platform::Locker lock(state_->mutex);
     if (state_->stopping) {
       return;
     }
@@ -56,7 +49,7 @@ void ThreadSerialQueue::submit(std::int64_t deadline, platform::Work&& work) {
     state_->items.push(deadline, std::move(work));
   }
   if (earliest) {
-    state_->wake.notify_one();
+    state_->wake.notifyAll();  // only the queue's own thread waits
   }
 }
 
@@ -69,32 +62,32 @@ void ThreadSerialQueue::run(const std::shared_ptr<State>& state, const std::stri
     prctl(PR_SET_TIMERSLACK, options.timerSlackNanoseconds, 0, 0, 0);
   }
 
-  std::unique_lock lock(state->mutex);
+  state->mutex.lock();
   while (true) {
     if (state->stopping) {
       // Drop pending work outside the lock: destroying a closure may release objects whose
       // destructors submit to this queue.
-      auto pending = std::move(state->items);
-      lock.unlock();
+      const DeadlineQueue pending = std::move(state->items);
+      state->mutex.unlock();
       return;
     }
     if (state->items.empty()) {
-      state->wake.wait(lock);
+      state->wake.wait(state->mutex);
       continue;
     }
     const std::int64_t deadline = state->items.nextDeadline();
-    if (deadline > MonotonicClock::nowNanoseconds()) {
+    if (deadline > monotonicNanoseconds()) {
       // steady_clock is CLOCK_MONOTONIC on Linux, the clock the deadlines are taken from.
-      state->wake.wait_until(
-          lock, std::chrono::steady_clock::time_point(std::chrono::nanoseconds(deadline)));
+      state->wake.waitUntil(
+          state->mutex, std::chrono::steady_clock::time_point(std::chrono::nanoseconds(deadline)));
       continue;
     }
     platform::Work work = state->items.pop();
-    lock.unlock();
+    state->mutex.unlock();
     work();
     work = nullptr;  // release captures before taking the lock again
-    lock.lock();
+    state->mutex.lock();
   }
 }
 
-}  // namespace flowmere::embedded
+}  // namespace flowmere::common

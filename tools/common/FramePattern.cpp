@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace flowmere::producer {
+namespace flowmere::pattern {
 
 Rgb patternPixel(std::uint32_t x, std::uint32_t y, std::uint32_t width, std::uint64_t frame) {
   if (y < kCounterRows) {
@@ -51,7 +51,8 @@ void fillBgra(std::uint8_t* data, std::size_t stride, std::uint32_t width, std::
   }
 }
 
-void fillP010(std::uint8_t* data, std::size_t stride, std::uint32_t width, std::uint32_t height,
+void fillP010(std::uint8_t* luma, std::size_t lumaStride, std::uint8_t* chroma,
+              std::size_t chromaStride, std::uint32_t width, std::uint32_t height,
               std::uint64_t frame) {
   auto put = [](std::uint8_t* at, std::uint32_t tenBit) {
     const auto sample = static_cast<std::uint16_t>(tenBit << 6U);  // P010: 10 bits, MSB aligned
@@ -59,19 +60,19 @@ void fillP010(std::uint8_t* data, std::size_t stride, std::uint32_t width, std::
     at[1] = static_cast<std::uint8_t>(sample >> 8U);
   };
   for (std::uint32_t y = 0; y < height; ++y) {
-    std::uint8_t* row = data + y * stride;
+    std::uint8_t* row = luma + y * lumaStride;
     for (std::uint32_t x = 0; x < width; ++x) {
       const Rgb colour = patternPixel(x, y, width, frame);
       const std::uint32_t level = (colour.r + colour.g + colour.b) / 3;
-      put(row + x * 2, 64 + level * (940 - 64) / 255);  // video range luma
+      put(row + static_cast<std::size_t>(x) * 2,
+          64 + level * (940 - 64) / 255);  // video range luma
     }
   }
-  std::uint8_t* chroma = data + static_cast<std::size_t>(height) * stride;
   for (std::uint32_t y = 0; y < height / 2; ++y) {
-    std::uint8_t* row = chroma + y * stride;
+    std::uint8_t* row = chroma + y * chromaStride;
     for (std::uint32_t x = 0; x < width / 2; ++x) {
-      put(row + x * 4, 512);
-      put(row + x * 4 + 2, 512);
+      put(row + static_cast<std::size_t>(x) * 4, 512);
+      put(row + static_cast<std::size_t>(x) * 4 + 2, 512);
     }
   }
 }
@@ -83,4 +84,4 @@ Rgb p010LumaGrey(std::uint16_t sample) {
   return Rgb{grey, grey, grey};
 }
 
-}  // namespace flowmere::producer
+}  // namespace flowmere::pattern
