@@ -116,9 +116,19 @@ void store16(std::byte* at, std::uint16_t value10) {
 void convertToP010(const std::uint8_t* argb, std::size_t argbStride, const FrameLayout& layout,
                    HdrTransfer transfer, std::byte* out) {
   const HdrColor colour(transfer);
+  // Most of a card is a few flat colours: a pixel like the one before reuses its encoding.
+  std::uint32_t lastPixel = 0;
+  Rgb10 lastEncoded = colour.encode(0, 0, 0);
   const auto pixelAt = [&](std::uint32_t x, std::uint32_t y) {
     const std::uint8_t* pixel = argb + y * argbStride + x * 4;
-    return colour.encode(pixel[2], pixel[1], pixel[0]);
+    std::uint32_t packed = 0;
+    std::memcpy(&packed, pixel, sizeof packed);
+    packed &= 0x00FF'FFFFU;
+    if (packed != lastPixel) {
+      lastPixel = packed;
+      lastEncoded = colour.encode(pixel[2], pixel[1], pixel[0]);
+    }
+    return lastEncoded;
   };
   std::byte* chroma = out + layout.planeOffset(1);
   for (std::uint32_t y = 0; y / 2 < layout.planeHeight(1); y += 2) {
