@@ -516,6 +516,7 @@ void PipeWireSourceStream::guardClients(std::int64_t now) {
       // The links that stay negotiate again with the node paused around it: PipeWire 0.3.65 can
       // give the port new buffers when a link goes and leave a streaming link with the old ones.
       scheduleOffers(true);
+      loop_->lock().assertHeld();  // the same lock, under the loop's name
       const int result = loop_->peers().destroyLink(action.link);
       writeLog(
           "[pipewire] " + nodeName_ + " cuts off link " + std::to_string(action.link) + ": " +
@@ -530,6 +531,7 @@ void PipeWireSourceStream::linksChanged() {
   if (!stream_) {
     return;
   }
+  loop_->lock().assertHeld();  // the same lock, under the loop's name
   auto links = loop_->peers().linksOf(pw_stream_get_node_id(stream_));
   const std::int64_t now = common::monotonicNanoseconds();
   for (const auto& before : links_) {
