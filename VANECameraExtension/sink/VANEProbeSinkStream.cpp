@@ -289,8 +289,7 @@ void VANEProbeSinkStream::handleConsumeResult(std::uint64_t generation,
       polls = ++emptyPolls;
     }
     if (polls == 1 || polls % waitingLogInterval == 0) {
-      log("sink waiting polls=" + std::to_string(polls) + " clients=" + clientSummary());
-      metrics->setStatus("sink waiting for buffers polls=" + std::to_string(polls));
+      reportWaiting(generation, polls);
     }
     if (isCurrentChain(generation)) {
       dispatchRequestAfter(emptyPollRetryDelay, generation);
@@ -326,6 +325,19 @@ void VANEProbeSinkStream::handleConsumeResult(std::uint64_t generation,
         " clients=" + clientSummary());
   }
   scheduleDelivery(generation, std::move(sampleBuffer), sequenceNumber);
+}
+
+void VANEProbeSinkStream::reportWaiting(std::uint64_t generation, std::int64_t polls) {
+  // Under formatLock, which stop holds from its isConsuming change through its "sink stopped":
+  // the report either comes wholly before that status or finds its chain ended. An ended
+  // chain's empty answer (the platform answers a waiting request once the stream has stopped)
+  // is counted but not reported, since the producer did not pause: the stream stopped.
+  const Locker lock(formatLock);
+  if (!isCurrentChain(generation)) {
+    return;
+  }
+  log("sink waiting polls=" + std::to_string(polls) + " clients=" + clientSummary());
+  metrics->setStatus("sink waiting for buffers polls=" + std::to_string(polls));
 }
 
 void VANEProbeSinkStream::scheduleDelivery(std::uint64_t generation,

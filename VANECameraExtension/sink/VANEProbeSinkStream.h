@@ -161,6 +161,8 @@ class VANEProbeSinkStream final : public platform::StreamSource,
   [[nodiscard]] std::shared_ptr<const platform::Client> selectedClient() EXCLUDES(clientLock);
   void setSelectedClient(std::shared_ptr<const platform::Client> newClient) EXCLUDES(clientLock);
   [[nodiscard]] bool isCurrentChain(std::uint64_t generation) const;
+  // The waiting log line and status at the cadence's counts, unless the chain has ended.
+  void reportWaiting(std::uint64_t generation, std::int64_t polls) EXCLUDES(formatLock);
   void dispatchRequest(std::uint64_t generation);
   void dispatchRequestAfter(std::chrono::nanoseconds delay, std::uint64_t generation);
   // The delivery work item: passes the gate, delivers, leaves the gate, and requests the next

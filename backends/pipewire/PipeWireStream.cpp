@@ -281,9 +281,9 @@ void PipeWireStream::handleStateChanged(pw_stream_state old, pw_stream_state sta
 void PipeWireStream::endStreaming() {
   started_ = false;
   waitingForPeer_ = false;
-  // A request still waiting is answered before the stop, so that the stop's status is the
-  // last one the sink writes.
-  streamingChanged(false);
+  // The stop is posted before a waiting request is answered (the answer is posted by
+  // streamingChanged), so the completion finds the stream stopped and its chain ends, and no
+  // status follows the stop's.
   postToPlatform([weak = weak_from_this()] {
     auto self = weak.lock();
     auto source = self ? self->source_.lock() : nullptr;
@@ -291,6 +291,7 @@ void PipeWireStream::endStreaming() {
       (void)source->stopStream();
     }
   });
+  streamingChanged(false);
   updateStreamingClients();
 }
 
