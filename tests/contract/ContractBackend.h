@@ -11,15 +11,35 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "VANEProbeExtensionProvider.h"
 #include "contract/ContractSources.h"
 #include "platform/CameraExtension.h"
+#include "platform/ThreadAnnotations.h"
 
 namespace flowmere::contract {
 
 enum class ProducerFrames {
   kSteady,        // frames keep coming
   kOneThenSilent  // one frame, then the producer stays linked and sends nothing
+};
+
+// The service's log lines, kept in order. Any thread; `mutex_` guards `lines_`.
+class LogLines {
+ public:
+  void add(std::string_view line) {
+    const platform::Locker lock(mutex_);
+    lines_.emplace_back(line);
+  }
+  [[nodiscard]] std::vector<std::string> snapshot() const {
+    const platform::Locker lock(mutex_);
+    return lines_;
+  }
+
+ private:
+  mutable platform::Mutex mutex_;
+  std::vector<std::string> lines_ GUARDED_BY(mutex_);
 };
 
 class ContractBackend {
@@ -32,6 +52,10 @@ class ContractBackend {
                                              std::shared_ptr<ContractDeviceSource> device,
                                              std::shared_ptr<ContractStreamSource> sink,
                                              std::shared_ptr<ContractStreamSource> source) = 0;
+  // Builds the service and runs the whole extension on it instead of the fakes.
+  virtual std::optional<std::string> publishExtension() = 0;
+  // The extension that publishExtension runs; null after publish.
+  [[nodiscard]] virtual std::shared_ptr<VANEProbeExtensionProviderSource> extension() const = 0;
   virtual platform::Stream& sinkStream() = 0;
   virtual platform::Stream& sourceStream() = 0;
 
@@ -48,6 +72,10 @@ class ContractBackend {
                               std::chrono::milliseconds bound) = 0;
   // The service goes away.
   virtual void shutdown() = 0;
+  // Returns once everything a stop has set off on the service's queues has run; the service
+  // may be gone afterwards.
+  virtual void quiesce() = 0;
+  [[nodiscard]] virtual std::vector<std::string> logLines() const = 0;
 };
 
 }  // namespace flowmere::contract

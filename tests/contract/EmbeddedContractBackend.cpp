@@ -6,16 +6,16 @@ using embedded::EmbeddedStream;
 
 EmbeddedContractBackend::~EmbeddedContractBackend() {
   shutdown();
+  extension_.reset();  // before the service its streams refer to
 }
 
-std::optional<std::string> EmbeddedContractBackend::publish(
-    std::shared_ptr<ContractProviderSource> provider, std::shared_ptr<ContractDeviceSource> device,
-    std::shared_ptr<ContractStreamSource> sink, std::shared_ptr<ContractStreamSource> source) {
+void EmbeddedContractBackend::createService() {
   embedded::EmbeddedOptions options;
   options.mode = embedded::TimeMode::kReal;
   options.settings = embedded::EmbeddedOptions::Settings::kMemory;
   options.temporaryDirectory = directory_.path();
-  options.logSink = [](std::string_view /*line*/) {};
+  options.containerParent = directory_.path() / "containers";
+  options.logSink = [lines = logLines_](std::string_view line) { lines->add(line); };
   service_ = embedded::EmbeddedCameraService::create(std::move(options));
   service_->onPropertiesChanged(
       [this](const EmbeddedStream& /*stream*/, const platform::PropertyStateMap& changes) {
@@ -29,6 +29,21 @@ std::optional<std::string> EmbeddedContractBackend::publish(
         }
         changed_.notifyAll();
       });
+}
+
+std::optional<std::string> EmbeddedContractBackend::publishExtension() {
+  createService();
+  extension_ = VANEProbeExtensionProviderSource::create(service_, nullptr);
+  service_->startService(extension_->platformProvider());
+  sinkStream_ = service_->sinkStream();
+  sourceStream_ = service_->sourceStream();
+  return std::nullopt;
+}
+
+std::optional<std::string> EmbeddedContractBackend::publish(
+    std::shared_ptr<ContractProviderSource> provider, std::shared_ptr<ContractDeviceSource> device,
+    std::shared_ptr<ContractStreamSource> sink, std::shared_ptr<ContractStreamSource> source) {
+  createService();
   provider_ = service_->createProvider(provider, nullptr);
   device_ = service_->createDevice("Contract Camera", platform::Uuid{}, std::nullopt, device);
   sinkStream_ = std::static_pointer_cast<EmbeddedStream>(service_->createStream(
@@ -127,6 +142,16 @@ bool EmbeddedContractBackend::subscriberSees(const std::string& key, const std::
     }
     changed_.waitUntil(mutex_, deadline);
   }
+}
+
+void EmbeddedContractBackend::quiesce() {
+  // The answers a stop sends go to the platform queue and end the chains there; a call into the
+  // extension runs after everything queued before it.
+  const auto deadline = std::chrono::steady_clock::now() + kGenerousBound;
+  while (sinkStream_->pendingConsumeRequests() > 0 && std::chrono::steady_clock::now() < deadline) {
+    service_->callExtension([] {});
+  }
+  service_->callExtension([] {});
 }
 
 void EmbeddedContractBackend::shutdown() {

@@ -11,6 +11,7 @@
 #include <map>
 #include <thread>
 
+#include "VANEProbeExtensionProvider.h"
 #include "contract/ContractBackend.h"
 #include "embedded/EmbeddedCameraService.h"
 #include "platform/ThreadAnnotations.h"
@@ -30,6 +31,10 @@ class EmbeddedContractBackend final : public ContractBackend {
                                      std::shared_ptr<ContractDeviceSource> device,
                                      std::shared_ptr<ContractStreamSource> sink,
                                      std::shared_ptr<ContractStreamSource> source) override;
+  std::optional<std::string> publishExtension() override;
+  [[nodiscard]] std::shared_ptr<VANEProbeExtensionProviderSource> extension() const override {
+    return extension_;
+  }
   platform::Stream& sinkStream() override { return *sinkStream_; }
   platform::Stream& sourceStream() override { return *sourceStream_; }
   void startProducer(ProducerFrames frames) override;
@@ -39,12 +44,17 @@ class EmbeddedContractBackend final : public ContractBackend {
   bool subscriberSees(const std::string& key, const std::string& value,
                       std::chrono::milliseconds bound) override;
   void shutdown() override;
+  void quiesce() override;
+  [[nodiscard]] std::vector<std::string> logLines() const override { return logLines_->snapshot(); }
 
  private:
+  void createService();
   void stopFeeder();
 
   testing::TemporaryDirectory directory_;
+  const std::shared_ptr<LogLines> logLines_ = std::make_shared<LogLines>();
   std::shared_ptr<embedded::EmbeddedCameraService> service_;
+  std::shared_ptr<VANEProbeExtensionProviderSource> extension_;
   std::shared_ptr<platform::Provider> provider_;
   std::shared_ptr<platform::Device> device_;
   std::shared_ptr<embedded::EmbeddedStream> sinkStream_;

@@ -37,6 +37,7 @@ std::string runPwDump() {
 
 PipeWireContractBackend::~PipeWireContractBackend() {
   shutdown();
+  extension_.reset();  // before the service its streams refer to
   provider_.reset();
   device_.reset();
   sinkStream_.reset();
@@ -44,9 +45,7 @@ PipeWireContractBackend::~PipeWireContractBackend() {
   service_.reset();
 }
 
-std::optional<std::string> PipeWireContractBackend::publish(
-    std::shared_ptr<ContractProviderSource> provider, std::shared_ptr<ContractDeviceSource> device,
-    std::shared_ptr<ContractStreamSource> sink, std::shared_ptr<ContractStreamSource> source) {
+std::optional<std::string> PipeWireContractBackend::createService() {
   if (std::getenv("FLOWMERE_CONTRACT_PIPEWIRE") == nullptr) {  // NOLINT(concurrency-mt-unsafe)
     return "no private PipeWire session: tests/contract/pipewire-contract.sh runs these cases on "
            "one (ctest: contract_pipewire)";
@@ -56,16 +55,32 @@ std::optional<std::string> PipeWireContractBackend::publish(
   pipewire::PipeWireOptions options;
   options.nodeNamePrefix = prefix_;
   options.containerParent = directory_.path() / "containers";
-  const std::string logPath = (directory_.path() / "service.log").string();
-  options.logSink = [logPath](std::string_view line) {
-    if (FILE* file = std::fopen(logPath.c_str(), "a")) {
-      std::fprintf(file, "%.*s\n", static_cast<int>(line.size()), line.data());
-      std::fclose(file);
-    }
-  };
+  options.logSink = [lines = logLines_](std::string_view line) { lines->add(line); };
   service_ = pipewire::PipeWireCameraService::create(std::move(options));
   if (!service_) {
     return "PipeWire cannot be reached";
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> PipeWireContractBackend::publishExtension() {
+  if (auto reason = createService()) {
+    return reason;
+  }
+  extension_ = VANEProbeExtensionProviderSource::create(service_, nullptr);
+  const auto& device = extension_->devices().front();
+  sinkStream_ = device->sink()->platformStream();
+  sourceStream_ = device->source()->platformStream();
+  service_->startService(extension_->platformProvider());
+  runLoop_ = std::thread([service = service_] { service->runMainRunLoop(); });
+  return std::nullopt;
+}
+
+std::optional<std::string> PipeWireContractBackend::publish(
+    std::shared_ptr<ContractProviderSource> provider, std::shared_ptr<ContractDeviceSource> device,
+    std::shared_ptr<ContractStreamSource> sink, std::shared_ptr<ContractStreamSource> source) {
+  if (auto reason = createService()) {
+    return reason;
   }
   provider_ = service_->createProvider(provider, nullptr);
   device_ = service_->createDevice("Contract Camera", platform::Uuid{}, std::nullopt, device);

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "VANEProbeExtensionProvider.h"
 #include "contract/ContractBackend.h"
 #include "pipewire/PipeWireCameraService.h"
 #include "support/ExtensionHarness.h"
@@ -32,6 +33,10 @@ class PipeWireContractBackend final : public ContractBackend {
                                      std::shared_ptr<ContractDeviceSource> device,
                                      std::shared_ptr<ContractStreamSource> sink,
                                      std::shared_ptr<ContractStreamSource> source) override;
+  std::optional<std::string> publishExtension() override;
+  [[nodiscard]] std::shared_ptr<VANEProbeExtensionProviderSource> extension() const override {
+    return extension_;
+  }
   platform::Stream& sinkStream() override { return *sinkStream_; }
   platform::Stream& sourceStream() override { return *sourceStream_; }
   void startProducer(ProducerFrames frames) override;
@@ -41,8 +46,13 @@ class PipeWireContractBackend final : public ContractBackend {
   bool subscriberSees(const std::string& key, const std::string& value,
                       std::chrono::milliseconds bound) override;
   void shutdown() override;
+  // The service's run loop drains the platform queue when it ends.
+  void quiesce() override { shutdown(); }
+  [[nodiscard]] std::vector<std::string> logLines() const override { return logLines_->snapshot(); }
 
  private:
+  // The service, or the reason it cannot run here.
+  std::optional<std::string> createService();
   // Starts the producer program with `arguments`; its output goes to `logName` in the directory.
   pid_t spawn(const std::vector<std::string>& arguments, const std::string& logName);
   // Signals `pid` and waits for it to end.
@@ -50,7 +60,9 @@ class PipeWireContractBackend final : public ContractBackend {
 
   testing::TemporaryDirectory directory_;
   std::string prefix_;
+  const std::shared_ptr<LogLines> logLines_ = std::make_shared<LogLines>();
   std::shared_ptr<pipewire::PipeWireCameraService> service_;
+  std::shared_ptr<VANEProbeExtensionProviderSource> extension_;
   std::shared_ptr<platform::Provider> provider_;
   std::shared_ptr<platform::Device> device_;
   std::shared_ptr<platform::Stream> sinkStream_;

@@ -249,5 +249,64 @@ TYPED_TEST(PlatformContract, AServiceThatGoesAwayAnswersTheWaitingRequestExactly
   }
 }
 
+// The whole extension on each backend, for the promises whose effect shows only in what the
+// extension logs and publishes.
+template <typename Backend>
+class ExtensionContract : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (const auto reason = backend.publishExtension()) {
+      GTEST_SKIP() << reason->c_str();
+    }
+  }
+  void TearDown() override { backend.shutdown(); }
+
+  bool waitForLogLine(const std::string& line, std::size_t times) {
+    return events.waitFor([&] {
+      const auto lines = backend.logLines();
+      return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), line)) >= times;
+    });
+  }
+
+  ContractEvents events;  // only its waits are used
+  Backend backend;
+};
+
+TYPED_TEST_SUITE(ExtensionContract, Backends, BackendNames);
+
+// The producer stops while the sink's request waits for its next frame: the request's answer
+// comes after the stop and must not bring a "sink waiting" line or status after "sink stopped".
+TYPED_TEST(ExtensionContract, NoWaitingReportFollowsTheSinksStop) {
+  VANEProbeSinkStream& sink = *this->backend.extension()->devices().front()->sink();
+  for (std::uint64_t round = 1; round <= 3; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    this->backend.startProducer(ProducerFrames::kOneThenSilent);
+    // The producer's one frame is in: the sink's next request waits for a frame that never comes.
+    ASSERT_TRUE(this->events.waitFor([&] { return sink.snapshot().receivedFrames >= round; }));
+    this->backend.stopProducer();
+    ASSERT_TRUE(this->waitForLogLine("sink stopped", round));
+  }
+  this->backend.quiesce();
+
+  const auto lines = this->backend.logLines();
+  const auto lastStop = std::find(lines.rbegin(), lines.rend(), "sink stopped");
+  ASSERT_NE(lastStop, lines.rend());
+  for (auto line = lines.rbegin(); line != lastStop; ++line) {
+    EXPECT_EQ(line->find("sink waiting"), std::string::npos) << *line;
+  }
+  // Each round's stop is the last status of that round.
+  for (auto line = lines.begin(); line != lines.end(); ++line) {
+    if (*line != "sink stopped") {
+      continue;
+    }
+    for (auto after = std::next(line);
+         after != lines.end() && after->rfind("sink started", 0) != 0 &&
+         after->rfind("[VANE-EXT] sink startStream", 0) != 0;
+         ++after) {
+      EXPECT_EQ(after->find("sink waiting"), std::string::npos) << *after;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace flowmere::contract

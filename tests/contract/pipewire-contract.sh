@@ -22,7 +22,7 @@ if ! session_start; then
   exit 1
 fi
 
-FLOWMERE_CONTRACT_PIPEWIRE=1 "${binary}" --gtest_filter='PlatformContract/PipeWire.*' "$@"
+FLOWMERE_CONTRACT_PIPEWIRE=1 "${binary}" --gtest_filter='*/PipeWire.*' "$@"
 status=$?
 if [ "${status}" -ne 0 ]; then
   echo "--- pipewire.log"
