@@ -34,7 +34,10 @@
 // - Platform calls arrive on any platform thread. `formatLock` (recursive) guards
 //   storedFormatIndex and makes set, start and stop mutually exclusive; start and stop call the
 //   source stream (its formatLock or stateLock) and the metrics recorder while holding it. Stop
-//   waits for a running delivery before it takes formatLock, never while holding it.
+//   waits for a running delivery before it takes formatLock, never while holding it. The
+//   completion holds it around its waiting report (the chain test, the log line and the status),
+//   so a report either comes before stop's "sink stopped" or finds its chain ended; an ended
+//   chain's empty answers are counted, never reported.
 // - isConsuming and chainGeneration are written under formatLock and read by the loop without
 //   it, as atomics. `client` is written by authorisation, start and stop and read by the loop;
 //   its own small `clientLock` covers only the pointer copy.
