@@ -61,8 +61,8 @@ class ContractBackend {
 
   // A producer links to the sink at the first catalogue format and streams.
   virtual void startProducer(ProducerFrames frames) = 0;
-  // The producer leaves.
-  virtual void stopProducer() = 0;
+  // The producer leaves; `killed`: it dies without a word.
+  virtual void stopProducer(bool killed) = 0;
   // A camera client captures the source.
   virtual void startClient() = 0;
   // The client leaves; `killed`: it dies without a word, in the middle of the frames.

@@ -105,9 +105,10 @@ void EmbeddedContractBackend::stopFeeder() {
   }
 }
 
-void EmbeddedContractBackend::stopProducer() {
+void EmbeddedContractBackend::stopProducer(bool /*killed*/) {
   stopFeeder();
   // As a leaving peer on PipeWire: the stream stops, then the client is gone with its buffers.
+  // The embedded service learns of a vanished producer as of one that left.
   (void)sinkStream_->stop();
   sinkStream_->setStreamingClients({});
   if (producer_) {

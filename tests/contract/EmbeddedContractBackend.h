@@ -38,7 +38,7 @@ class EmbeddedContractBackend final : public ContractBackend {
   platform::Stream& sinkStream() override { return *sinkStream_; }
   platform::Stream& sourceStream() override { return *sourceStream_; }
   void startProducer(ProducerFrames frames) override;
-  void stopProducer() override;
+  void stopProducer(bool killed) override;
   void startClient() override;
   void stopClient(bool killed) override;
   bool subscriberSees(const std::string& key, const std::string& value,

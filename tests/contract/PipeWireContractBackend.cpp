@@ -106,6 +106,7 @@ pid_t PipeWireContractBackend::spawn(const std::vector<std::string>& arguments,
   std::vector<std::string> words{FLOWMERE_PRODUCER_PATH};
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
   for (auto& word : words) {
     argv.push_back(word.data());
   }
@@ -144,8 +145,8 @@ void PipeWireContractBackend::startProducer(ProducerFrames frames) {
   producer_ = spawn(arguments, "producer");
 }
 
-void PipeWireContractBackend::stopProducer() {
-  end(producer_, SIGTERM);
+void PipeWireContractBackend::stopProducer(bool killed) {
+  end(producer_, killed ? SIGKILL : SIGTERM);
 }
 
 void PipeWireContractBackend::startClient() {

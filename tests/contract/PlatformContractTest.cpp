@@ -49,6 +49,40 @@ class PlatformContract : public ::testing::Test {
     return probe;
   }
 
+  // A producer links, sends one frame and falls silent; it leaves (or dies) while the sink's
+  // next request waits. That request must be answered after the stop, and only once.
+  void stopWhileARequestWaits(bool killed) {
+    auto probe = startConsuming(ProducerFrames::kOneThenSilent);
+    // The link is up once the first answer (the one frame, or a wait that ran out) is in, and the
+    // request that followed it waits once the stream has taken it.
+    ASSERT_TRUE(events->waitFor([&] {
+      const auto answered = probe->answers().size();
+      return answered >= 1 && probe->requestsTaken() > static_cast<int>(answered);
+    }));
+    backend.stopProducer(killed);
+    ASSERT_TRUE(events->waitForCount("sink stop", 1));
+    ASSERT_TRUE(waitUntilAnswered(*probe));
+
+    const auto recorded = events->snapshot();
+    const auto stop = std::find_if(recorded.begin(), recorded.end(),
+                                   [](const auto& event) { return event.what == "sink stop"; });
+    const auto stopPosition = static_cast<std::size_t>(stop - recorded.begin());
+    int answersAfterStop = 0;
+    for (const auto& answer : probe->answers()) {
+      if (answer.eventPosition > stopPosition) {
+        ++answersAfterStop;
+        EXPECT_FALSE(answer.hasBuffer);
+        EXPECT_FALSE(answer.hasError);
+      } else if (!answer.hasBuffer) {
+        // Answered before the stop: only a wait that ran out may do that. A quick empty answer
+        // here is the waiting request answered ahead of the stop.
+        EXPECT_GE(answer.waited, kShortestWaitLimitAnswer) << "answered before the stop, quickly";
+      }
+    }
+    EXPECT_EQ(answersAfterStop, 1);
+    EXPECT_EQ(lifecycle("sink"), (std::vector<std::string>{"sink start", "sink stop"}));
+  }
+
   bool waitUntilAnswered(const ConsumeProbe& probe) {
     return events->waitFor([&] { return probe.outstanding() == 0; });
   }
@@ -105,7 +139,7 @@ TYPED_TEST(PlatformContract, EveryConsumeRequestIsAnsweredExactlyOnceOnThePlatfo
     EXPECT_FALSE(answer.insideRequestCall) << "an answer on the requester's stack";
     EXPECT_FALSE(answer.hasError);
   }
-  this->backend.stopProducer();
+  this->backend.stopProducer(/*killed=*/false);
   ASSERT_TRUE(this->events->waitForCount("sink stop", 1));
   EXPECT_EQ(probe->outstanding(), 0) << "an answer came twice, or one more came unasked";
 }
@@ -113,35 +147,12 @@ TYPED_TEST(PlatformContract, EveryConsumeRequestIsAnsweredExactlyOnceOnThePlatfo
 // The stop comes first and the waiting request's empty answer after it, so that the chain the
 // request belongs to finds the stream stopped and ends without reporting that it waits.
 TYPED_TEST(PlatformContract, AStopAnswersTheWaitingRequestOnlyAfterTheStreamStopped) {
-  auto probe = this->startConsuming(ProducerFrames::kOneThenSilent);
-  // The link is up once the first answer (the one frame, or a wait that ran out) is in, and the
-  // request that followed it waits once the stream has taken it.
-  ASSERT_TRUE(this->events->waitFor([&] {
-    const auto answered = probe->answers().size();
-    return answered >= 1 && probe->requestsTaken() > static_cast<int>(answered);
-  }));
-  this->backend.stopProducer();
-  ASSERT_TRUE(this->events->waitForCount("sink stop", 1));
-  ASSERT_TRUE(this->waitUntilAnswered(*probe));
+  this->stopWhileARequestWaits(/*killed=*/false);
+}
 
-  const auto recorded = this->events->snapshot();
-  const auto stop = std::find_if(recorded.begin(), recorded.end(),
-                                 [](const auto& event) { return event.what == "sink stop"; });
-  const auto stopPosition = static_cast<std::size_t>(stop - recorded.begin());
-  int answersAfterStop = 0;
-  for (const auto& answer : probe->answers()) {
-    if (answer.eventPosition > stopPosition) {
-      ++answersAfterStop;
-      EXPECT_FALSE(answer.hasBuffer);
-      EXPECT_FALSE(answer.hasError);
-    } else if (!answer.hasBuffer) {
-      // Answered before the stop: only a wait that ran out may do that. A quick empty answer
-      // here is the waiting request answered ahead of the stop.
-      EXPECT_GE(answer.waited, kShortestWaitLimitAnswer) << "answered before the stop, quickly";
-    }
-  }
-  EXPECT_EQ(answersAfterStop, 1);
-  EXPECT_EQ(this->lifecycle("sink"), (std::vector<std::string>{"sink start", "sink stop"}));
+// The same when the producer dies instead of leaving.
+TYPED_TEST(PlatformContract, AProducerThatDiesStopsTheSinkBeforeItsWaitingRequestIsAnswered) {
+  this->stopWhileARequestWaits(/*killed=*/true);
 }
 
 TYPED_TEST(PlatformContract, AStreamStoppedAndStartedAgainAnswersWithFramesAgain) {
@@ -149,7 +160,7 @@ TYPED_TEST(PlatformContract, AStreamStoppedAndStartedAgainAnswersWithFramesAgain
     SCOPED_TRACE("round " + std::to_string(round));
     auto probe = this->startConsuming(ProducerFrames::kSteady);
     ASSERT_TRUE(this->events->waitFor([&] { return probe->frames() >= 3; }));
-    this->backend.stopProducer();
+    this->backend.stopProducer(/*killed=*/false);
     ASSERT_TRUE(this->events->waitForCount("sink stop", round));
     ASSERT_TRUE(this->waitUntilAnswered(*probe));
   }
@@ -283,7 +294,7 @@ TYPED_TEST(ExtensionContract, NoWaitingReportFollowsTheSinksStop) {
     this->backend.startProducer(ProducerFrames::kOneThenSilent);
     // The producer's one frame is in: the sink's next request waits for a frame that never comes.
     ASSERT_TRUE(this->events.waitFor([&] { return sink.snapshot().receivedFrames >= round; }));
-    this->backend.stopProducer();
+    this->backend.stopProducer(/*killed=*/false);
     ASSERT_TRUE(this->waitForLogLine("sink stopped", round));
   }
   this->backend.quiesce();
