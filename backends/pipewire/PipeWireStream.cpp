@@ -281,9 +281,10 @@ void PipeWireStream::handleStateChanged(pw_stream_state old, pw_stream_state sta
 void PipeWireStream::endStreaming() {
   started_ = false;
   waitingForPeer_ = false;
-  // The stop is posted before a waiting request is answered (the answer is posted by
-  // streamingChanged), so the completion finds the stream stopped and its chain ends, and no
-  // status follows the stop's.
+  // A request still waiting is answered before the stop (both go to the platform queue, in this
+  // order), so that its chain reports its wait before the stop, whose status is the last one the
+  // sink writes.
+  streamingChanged(false);
   postToPlatform([weak = weak_from_this()] {
     auto self = weak.lock();
     auto source = self ? self->source_.lock() : nullptr;
@@ -291,7 +292,6 @@ void PipeWireStream::endStreaming() {
       (void)source->stopStream();
     }
   });
-  streamingChanged(false);
   updateStreamingClients();
 }
 
