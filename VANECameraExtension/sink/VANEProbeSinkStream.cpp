@@ -289,7 +289,8 @@ void VANEProbeSinkStream::handleConsumeResult(std::uint64_t generation,
       polls = ++emptyPolls;
     }
     if (polls == 1 || polls % waitingLogInterval == 0) {
-      reportWaiting(generation, polls);
+      log("sink waiting polls=" + std::to_string(polls) + " clients=" + clientSummary());
+      metrics->setStatus("sink waiting for buffers polls=" + std::to_string(polls));
     }
     if (isCurrentChain(generation)) {
       dispatchRequestAfter(emptyPollRetryDelay, generation);
@@ -325,19 +326,6 @@ void VANEProbeSinkStream::handleConsumeResult(std::uint64_t generation,
         " clients=" + clientSummary());
   }
   scheduleDelivery(generation, std::move(sampleBuffer), sequenceNumber);
-}
-
-void VANEProbeSinkStream::reportWaiting(std::uint64_t generation, std::int64_t polls) {
-  // Under formatLock, which stop holds from its isConsuming change through its "sink stopped":
-  // the report either comes wholly before that status or finds its chain ended. An ended
-  // chain's empty answer (the platform answers a waiting request once the stream has stopped)
-  // is counted but not reported, since the producer did not pause: the stream stopped.
-  const Locker lock(formatLock);
-  if (!isCurrentChain(generation)) {
-    return;
-  }
-  log("sink waiting polls=" + std::to_string(polls) + " clients=" + clientSummary());
-  metrics->setStatus("sink waiting for buffers polls=" + std::to_string(polls));
 }
 
 void VANEProbeSinkStream::scheduleDelivery(std::uint64_t generation,

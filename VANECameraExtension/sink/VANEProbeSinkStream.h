@@ -17,7 +17,10 @@
 // platform's consume completions: request -> answer -> (retry | paced delivery) -> request.
 // A chain has at most one request or delivery outstanding. Each start begins a new chain with a
 // new generation; every step of an older chain finds its generation stale and ends, so a quick
-// stop/start never leaves two chains running.
+// stop/start never leaves two chains running. A completion that arrives after a stop still runs
+// its branch and only then ends: an empty answer is counted and, at the cadence, logged and
+// written to the status. The platforms answer a request still waiting at a stop before they
+// deliver the stop, so that answer's "sink waiting" comes before "sink stopped".
 //
 // A stop never overlaps a delivery that runs on another thread. It first holds back deliveries
 // that have not begun (they drop their buffers), waits for the one that is running, if any, to
@@ -34,10 +37,7 @@
 // - Platform calls arrive on any platform thread. `formatLock` (recursive) guards
 //   storedFormatIndex and makes set, start and stop mutually exclusive; start and stop call the
 //   source stream (its formatLock or stateLock) and the metrics recorder while holding it. Stop
-//   waits for a running delivery before it takes formatLock, never while holding it. The
-//   completion holds it around its waiting report (the chain test, the log line and the status),
-//   so a report either comes before stop's "sink stopped" or finds its chain ended; an ended
-//   chain's empty answers are counted, never reported.
+//   waits for a running delivery before it takes formatLock, never while holding it.
 // - isConsuming and chainGeneration are written under formatLock and read by the loop without
 //   it, as atomics. `client` is written by authorisation, start and stop and read by the loop;
 //   its own small `clientLock` covers only the pointer copy.
@@ -164,8 +164,6 @@ class VANEProbeSinkStream final : public platform::StreamSource,
   [[nodiscard]] std::shared_ptr<const platform::Client> selectedClient() EXCLUDES(clientLock);
   void setSelectedClient(std::shared_ptr<const platform::Client> newClient) EXCLUDES(clientLock);
   [[nodiscard]] bool isCurrentChain(std::uint64_t generation) const;
-  // The waiting log line and status at the cadence's counts, unless the chain has ended.
-  void reportWaiting(std::uint64_t generation, std::int64_t polls) EXCLUDES(formatLock);
   void dispatchRequest(std::uint64_t generation);
   void dispatchRequestAfter(std::chrono::nanoseconds delay, std::uint64_t generation);
   // The delivery work item: passes the gate, delivers, leaves the gate, and requests the next

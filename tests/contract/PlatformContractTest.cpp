@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
 
 #include "contract/ConsumeProbe.h"
@@ -289,38 +290,60 @@ class ExtensionContract : public ::testing::Test {
 
 TYPED_TEST_SUITE(ExtensionContract, Backends, BackendNames);
 
-// The producer stops while the sink's request waits for its next frame: the request's answer
-// comes after the stop and must not bring a "sink waiting" line or status after "sink stopped".
-TYPED_TEST(ExtensionContract, NoWaitingReportFollowsTheSinksStop) {
+// True once the sink has delivered a frame since its last start. Read on the consume queue, where
+// deliveries run: the delivery that counted the frame has finished there, and so has the request
+// for the next frame that it sent.
+bool deliveredSinceStart(VANEProbeSinkStream& sink, ContractEvents& events) {
+  auto delivered = std::make_shared<std::atomic<int>>(-1);
+  sink.queue()->async([&sink, delivered] {
+    delivered->store(sink.metricsRecorder()->snapshot().framesReceived > 0 ? 1 : 0);
+  });
+  return events.waitFor([&] { return delivered->load() >= 0; }) && delivered->load() == 1;
+}
+
+// The producer stops while the sink's request waits for its next frame. The platform answers that
+// request before it stops the sink, so each round's "sink waiting" line and status (the first
+// empty poll since the frame) come before its "sink stopped", and none follows it.
+TYPED_TEST(ExtensionContract, TheWaitingReportComesBeforeTheSinksStop) {
   VANEProbeSinkStream& sink = *this->backend.extension()->devices().front()->sink();
   for (std::uint64_t round = 1; round <= 3; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
     this->backend.startProducer(ProducerFrames::kOneThenSilent);
-    // The producer's one frame is in: the sink's next request waits for a frame that never comes.
+    // The producer's one frame is in and delivered, and the request that followed it waits for a
+    // frame that never comes: nothing else of the chain is in flight when the producer leaves.
     ASSERT_TRUE(this->events.waitFor([&] { return sink.snapshot().receivedFrames >= round; }));
+    ASSERT_TRUE(this->events.waitFor([&] { return deliveredSinceStart(sink, this->events); }));
     this->backend.stopProducer(/*killed=*/false);
     ASSERT_TRUE(this->waitForLogLine("sink stopped", round));
   }
   this->backend.quiesce();
 
   const auto lines = this->backend.logLines();
-  const auto lastStop = std::find(lines.rbegin(), lines.rend(), "sink stopped");
-  ASSERT_NE(lastStop, lines.rend());
-  for (auto line = lines.rbegin(); line != lastStop; ++line) {
-    EXPECT_EQ(line->find("sink waiting"), std::string::npos) << *line;
-  }
-  // Each round's stop is the last status of that round.
-  for (auto line = lines.begin(); line != lines.end(); ++line) {
-    if (*line != "sink stopped") {
-      continue;
+  const auto isRoundStart = [](const std::string& line) {
+    return line.rfind("sink started", 0) == 0 || line.rfind("[VANE-EXT] sink startStream", 0) == 0;
+  };
+  std::size_t rounds = 0;
+  bool waitingLine = false;
+  bool waitingStatus = false;
+  bool stopped = false;
+  for (const auto& line : lines) {
+    if (isRoundStart(line)) {
+      stopped = false;
+      waitingLine = false;
+      waitingStatus = false;
+    } else if (line == "sink stopped") {
+      ++rounds;
+      stopped = true;
+      EXPECT_TRUE(waitingLine) << "round " << rounds
+                               << ": no \"sink waiting polls=1\" before the stop";
+      EXPECT_TRUE(waitingStatus) << "round " << rounds << ": no waiting status before the stop";
+    } else if (line.find("sink waiting") != std::string::npos) {
+      EXPECT_FALSE(stopped) << "after round " << rounds << "'s stop: " << line;
+      waitingLine = waitingLine || line.find("sink waiting polls=1 ") != std::string::npos;
+      waitingStatus = waitingStatus || line == "sink waiting for buffers polls=1";
     }
-    for (auto after = std::next(line);
-         after != lines.end() && after->rfind("sink started", 0) != 0 &&
-         after->rfind("[VANE-EXT] sink startStream", 0) != 0;
-         ++after) {
-      EXPECT_EQ(after->find("sink waiting"), std::string::npos) << *after;
-    }
   }
+  EXPECT_EQ(rounds, 3U);
 }
 
 }  // namespace
