@@ -3,10 +3,10 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 
 #include "VendorIdentifiers.h"
 #include "formats/FormatCatalogue.h"
+#include "platform/ThreadAnnotations.h"
 
 namespace flowmere {
 
@@ -20,8 +20,10 @@ void defaultFatalErrorHandler(const std::string& message) {
 
 std::atomic<FatalErrorHandler> fatalHandler{&defaultFatalErrorHandler};
 
-std::mutex providerMutex;
-std::shared_ptr<VANEProbeExtensionProviderSource> providerSourceReference;
+// The process-wide reference to the provider source: set and cleared by runExtension on the main
+// thread, read by sharedProviderSource from any thread.
+platform::Mutex providerMutex;
+std::shared_ptr<VANEProbeExtensionProviderSource> providerSourceReference GUARDED_BY(providerMutex);
 
 std::shared_ptr<VANEProbeExtensionMetrics> makeRecorder(
     platform::Platform& platform, const FlowmereCameraDeviceDescriptor& descriptor,
@@ -176,7 +178,7 @@ platform::Status VANEProbeExtensionProviderSource::setProviderProperties(
 int runExtension(const std::shared_ptr<platform::Platform>& platform) {
   auto providerSource = VANEProbeExtensionProviderSource::create(platform, nullptr);
   {
-    const std::scoped_lock lock(providerMutex);
+    const platform::Locker lock(providerMutex);
     providerSourceReference = providerSource;
   }
   platform->startService(providerSource->platformProvider());
@@ -185,14 +187,14 @@ int runExtension(const std::shared_ptr<platform::Platform>& platform) {
   // The object tree goes here, on this thread, while the platform its streams refer to is
   // still there, rather than in the static destructors after it.
   {
-    const std::scoped_lock lock(providerMutex);
+    const platform::Locker lock(providerMutex);
     providerSourceReference.reset();
   }
   return 0;
 }
 
 std::shared_ptr<VANEProbeExtensionProviderSource> sharedProviderSource() {
-  const std::scoped_lock lock(providerMutex);
+  const platform::Locker lock(providerMutex);
   return providerSourceReference;
 }
 

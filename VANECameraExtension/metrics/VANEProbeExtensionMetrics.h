@@ -8,10 +8,14 @@
 // Keys are namespaced: with the namespace "camera" a key is its base name, otherwise
 // namespace + "_" + base name ("bridge_frames_received").
 //
-// Threading: no lock; not safe for simultaneous use from two threads. The sink's recorder is
-// used from the sink's start and stop (under the sink's formatLock) and from its consume chain,
-// which never has two steps outstanding; the source's recorder only from the source's start and
-// stop (under the source's formatLock).
+// Threading: no lock of its own. The counters (`framesReceived`, `recentLatencies`) are used by
+// `reset` and `recordFrameReceived` only, and those never overlap: the sink's start resets (under
+// the sink's formatLock) before it dispatches its chain, a delivery records on the consume queue,
+// a sink stop waits for a running delivery, and a delivery of an older chain never begins after
+// a stop or a new start. `setStatus` touches no field, only the settings suite and the state
+// files, which are safe from any thread; it may run beside a delivery, since a stale chain's
+// completion (see the sink's header) may run beside the current chain's steps. The source's
+// recorder is used only from the source's start and stop (under the source's formatLock).
 
 #include <cstdint>
 #include <memory>

@@ -1,19 +1,29 @@
 #include "platform/ConstantString.h"
 
-#include <mutex>
 #include <set>
 #include <string>
 
+#include "platform/ThreadAnnotations.h"
+
 namespace flowmere::platform {
+
+namespace {
+
+// Every interned text, for the life of the process. Any thread; `lock` guards `strings`.
+struct InternTable {
+  Mutex lock;
+  std::set<std::string, std::less<>> strings GUARDED_BY(lock);
+};
+
+}  // namespace
 
 ConstantString internString(std::string_view text) {
   // Never destroyed: views handed out must stay valid during static destruction too.
-  static auto* const table = new std::set<std::string, std::less<>>();
-  static std::mutex lock;
-  const std::scoped_lock guard(lock);
-  auto found = table->find(text);
-  if (found == table->end()) {
-    found = table->emplace(text).first;
+  static auto* const table = new InternTable();
+  const Locker guard(table->lock);
+  auto found = table->strings.find(text);
+  if (found == table->strings.end()) {
+    found = table->strings.emplace(text).first;
   }
   return *found;
 }

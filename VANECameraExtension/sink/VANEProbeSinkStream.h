@@ -17,7 +17,10 @@
 // platform's consume completions: request -> answer -> (retry | paced delivery) -> request.
 // A chain has at most one request or delivery outstanding. Each start begins a new chain with a
 // new generation; every step of an older chain finds its generation stale and ends, so a quick
-// stop/start never leaves two chains running.
+// stop/start never leaves two chains running. A completion that arrives after a stop still runs
+// its branch and only then ends: an empty answer is counted and, at the cadence, logged and
+// written to the status. The platforms answer a request still waiting at a stop before they
+// deliver the stop, so that answer's "sink waiting" comes before "sink stopped".
 //
 // A stop never overlaps a delivery that runs on another thread. It first holds back deliveries
 // that have not begun (they drop their buffers), waits for the one that is running, if any, to

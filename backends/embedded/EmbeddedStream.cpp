@@ -133,7 +133,7 @@ void EmbeddedStream::answer(platform::ConsumeCompletion completion,
 }
 
 template <typename Match>
-void EmbeddedStream::answerWaitingRequestsWhere(Match matches) {
+void EmbeddedStream::answerWaitingRequestsWhere(Match matches, bool atOnce) {
   // One at a time, so that no list of completions is built and none is answered under the lock.
   while (true) {
     platform::ConsumeCompletion taken;
@@ -149,7 +149,12 @@ void EmbeddedStream::answerWaitingRequestsWhere(Match matches) {
     if (!taken) {
       return;
     }
-    answer(std::move(taken), nullptr, 0, false);
+    if (atOnce) {
+      pendingConsumeRequests_->fetch_sub(1);
+      taken(nullptr, 0, platform::CMIOExtensionStreamDiscontinuityFlagNone, false, std::nullopt);
+    } else {
+      answer(std::move(taken), nullptr, 0, false);
+    }
   }
 }
 
@@ -259,13 +264,17 @@ platform::Status EmbeddedStream::start() {
 }
 
 platform::Status EmbeddedStream::stop() {
-  platform::Status stopped = platform::Status::success();
-  if (auto source = source_.lock()) {
-    stopped = service_.callExtension([&] { return source->stopStream(); });
+  // A request still waiting is answered before the extension hears of the stop, so that its chain
+  // reports its wait ahead of the stop, whose status stays the last one. In real time the answers
+  // and then the stop go through the platform queue in that order; in virtual time the extension
+  // is called at once on this thread, so the answers are given here first.
+  answerWaitingRequestsWhere([](const platform::Uuid&, const ProducerQueue&) { return true; },
+                             /*atOnce=*/service_.mode() == TimeMode::kVirtual);
+  auto source = source_.lock();
+  if (!source) {
+    return platform::Status::success();
   }
-  // After the extension's stop, so that the chains these answers wake find it and end.
-  answerWaitingRequests();
-  return stopped;
+  return service_.callExtension([&] { return source->stopStream(); });
 }
 
 bool EmbeddedStream::push(const std::shared_ptr<const platform::Client>& client,

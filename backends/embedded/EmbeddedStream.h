@@ -81,8 +81,9 @@ class EmbeddedStream final : public platform::Stream,
   platform::Status setProperties(const platform::StreamProperties& properties);
   bool authorize(const std::shared_ptr<const platform::Client>& client);
   platform::Status start();
-  // Stops the extension's stream, then answers every waiting request empty, so that the chains
-  // they belong to see the stop and end.
+  // Answers every waiting request empty, then stops the extension's stream: a chain reports its
+  // wait before the stop. In virtual time the answers run at once, on the calling thread, as the
+  // extension's stop does.
   platform::Status stop();
   // Puts a producer buffer into this sink stream's queue for `client`, or hands it straight to
   // the client's waiting request; false when the queue already holds three buffers (the buffer
@@ -118,9 +119,10 @@ class EmbeddedStream final : public platform::Stream,
   void answer(platform::ConsumeCompletion completion,
               std::shared_ptr<platform::SampleBuffer> buffer, std::uint64_t sequenceNumber,
               bool hasMore);
-  // Takes out and answers empty, one at a time, each waiting request whose queue `matches`.
+  // Takes out and answers empty, one at a time, each waiting request whose queue `matches`;
+  // through the platform queue, or with `atOnce` on the calling thread.
   template <typename Match>
-  void answerWaitingRequestsWhere(Match matches);
+  void answerWaitingRequestsWhere(Match matches, bool atOnce = false);
   // Notes that a waiting request expires at `deadline`; the time to arm the timer for, if the
   // timer is not already due by then.
   std::optional<std::int64_t> noteDeadline(std::int64_t deadline) REQUIRES(mutex_);

@@ -281,8 +281,9 @@ void PipeWireStream::handleStateChanged(pw_stream_state old, pw_stream_state sta
 void PipeWireStream::endStreaming() {
   started_ = false;
   waitingForPeer_ = false;
-  // A request still waiting is answered before the stop, so that the stop's status is the
-  // last one the sink writes.
+  // A request still waiting is answered before the stop (both go to the platform queue, in this
+  // order), so that its chain reports its wait before the stop, whose status is the last one the
+  // sink writes.
   streamingChanged(false);
   postToPlatform([weak = weak_from_this()] {
     auto self = weak.lock();

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -275,7 +276,7 @@ TEST(EmbeddedStreamWaitTest, StopDisconnectDepartureAndShutdownAnswerAWaitingReq
 }
 
 // With waiting, a frame reaches the extension when it is pushed, not at the loop's next retry,
-// and a stop ends the chain whose request was waiting.
+// and a stop answers the waiting request before the sink hears of it.
 TEST(EmbeddedStreamWaitTest, TheRelaySendsEachFrameWhenItIsPushed) {
   HarnessOptions options;
   options.consumeWaitLimit = kConsumeWaitLimit;
@@ -302,8 +303,22 @@ TEST(EmbeddedStreamWaitTest, TheRelaySendsEachFrameWhenItIsPushed) {
 
   ASSERT_TRUE(harness.sinkPlatformStream().stop().ok());
   harness.advanceBy(2.0);
-  // The answer of the waiting request found the sink stopped: one waiting poll, no new request.
+  // The waiting request was answered before the stop: its first empty poll is counted and
+  // reported ahead of "sink stopped", which stays the status, and its retry finds the sink
+  // stopped, so no new request follows.
+  const auto& logs = harness.logs;
+  const auto waiting = std::find_if(logs.begin(), logs.end(), [](const std::string& line) {
+    return line.find("sink waiting polls=1 ") != std::string::npos;
+  });
+  const auto waitingStatus =
+      std::find(logs.begin(), logs.end(), "sink waiting for buffers polls=1");
+  const auto stopped = std::find(logs.begin(), logs.end(), "sink stopped");
+  ASSERT_NE(stopped, logs.end());
+  EXPECT_LT(waiting, stopped);
+  EXPECT_LT(waitingStatus, stopped);
   EXPECT_EQ(harness.logsStartingWith("sink waiting polls=").size(), 1U);
+  EXPECT_EQ(harness.sink().snapshot().emptyPolls, 1);
+  EXPECT_EQ(harness.readStateFile("bridge_extension_status"), "sink stopped");
   EXPECT_EQ(harness.sinkPlatformStream().pendingConsumeRequests(), 0);
 }
 

@@ -185,10 +185,11 @@ lines="$(log_lines)"
 killed="${EPOCHREALTIME}"
 kill -KILL "${producer_pid}"
 wait "${producer_pid}" 2>/dev/null
-# "sink stopped" is written when the sink stops. A consume request still in flight at the stop
-# may answer after it and write the waiting status, and a client that leaves (its link is
-# negotiated again for the camera's new offer) writes "source stopped"; so the file and the store
-# must end up holding the last status the service logged.
+# "sink stopped" is written when the sink stops; a consume request waiting at the stop is answered
+# before it, so its waiting status comes first (a request the relay sends just as the stop comes
+# may still be answered after it, and writes the waiting status at the cadence). A client that
+# leaves (its link is negotiated again for the camera's new offer) writes "source stopped"; so the
+# file and the store must end up holding the last status the service logged.
 if wait_closely "log_from ${lines} | grep -qx 'sink stopped'" 5; then
   logged_after="$(seconds_since "${killed}")"
   if wait_closely "[ \"\$(file_value extension_status)\" = \"\$(last_status ${lines})\" ] &&
