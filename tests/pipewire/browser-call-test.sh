@@ -13,13 +13,19 @@
 #      error) or "freeze" (no frame and no event);
 #   6. that producer stops: the idle picture again.
 #
-#   browser-call-test.sh BUILD_DIR
+#   browser-call-test.sh BUILD_DIR [--screenshot FILE.png]
 #
-# Exits 77 (skipped) when Chromium, the portal or the X server is not installed.
+# --screenshot also saves Chromium's page while it shows the idle picture (taken through the
+# DevTools pipe by page-screenshot.py). Exits 77 (skipped) when Chromium, the portal or the X
+# server is not installed.
 set -uo pipefail
 
-build="$(cd "${1:?usage: browser-call-test.sh BUILD_DIR}" && pwd)"
+build="$(cd "${1:?usage: browser-call-test.sh BUILD_DIR [--screenshot FILE.png]}" && pwd)"
 here="$(cd "$(dirname "$0")" && pwd)"
+screenshot=""
+if [ "${2:-}" = "--screenshot" ]; then
+  screenshot="$(realpath -m "${3:?--screenshot needs a file}")"
+fi
 extension="${build}/tools/flowmere-camera-extension/flowmere-camera-extension"
 producer="${build}/tools/flowmere-camera-producer/flowmere-camera-producer"
 
@@ -218,10 +224,24 @@ page="file://${here}/camera-call.html"
 chromium_flags=(--headless=new --no-sandbox --disable-gpu --use-fake-ui-for-media-stream
   --enable-features=WebRtcPipeWireCamera --enable-logging=stderr --v=0
   --user-data-dir="${work}/chromium-profile")
-chromium "${chromium_flags[@]}" "${page}" >"${work}/chromium.log" 2>&1 &
+if [ -n "${screenshot}" ]; then
+  python3 "${here}/page-screenshot.py" --out "${work}/idle-picture.png" \
+    --when 'performance.now() - (window.flowmereIdleShownAt ?? Infinity) > 1500' \
+    -- chromium "${chromium_flags[@]}" "${page}" >"${work}/chromium.log" 2>&1 &
+else
+  chromium "${chromium_flags[@]}" "${page}" >"${work}/chromium.log" 2>&1 &
+fi
 browser_pid=$!
 background+=("${browser_pid}")
 check_call chromium "${work}/chromium.log"
+if [ -n "${screenshot}" ]; then
+  if [ -s "${work}/idle-picture.png" ]; then
+    cp "${work}/idle-picture.png" "${screenshot}" &&
+      echo "  the idle picture in Chromium: ${screenshot}"
+  else
+    fail "no screenshot of the idle picture"
+  fi
+fi
 
 # --- Firefox.
 if command -v firefox-esr >/dev/null; then
