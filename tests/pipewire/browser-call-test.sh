@@ -78,10 +78,11 @@ start_producer() {
 # Checks that the call in browser $1 (console in log $2) shows the producer's frames at size $3
 # (a producer was started at the current end of the log), for at least a second.
 expect_producer() {
-  local line mark=$(($(lines_in "$2") + 1))
+  local first line mark=$(($(lines_in "$2") + 1))
   start_producer "$3"
-  if line="$(wait_line "$2" "${mark}" 10 "^picture producer size $3")" &&
+  if first="$(wait_line "$2" "${mark}" 10 "^picture producer size $3")" &&
     line="$(wait_line "$2" "${mark}" 10 "^now producer .* seconds [1-9].* size $3 ")"; then
+    echo "  ${first}"
     echo "  ${line}"
     pass "$1: the producer's frames at $(field "${line}" fps) fps, size $3"
   else
@@ -93,10 +94,11 @@ expect_producer() {
 # Stops the producer and checks that the call in browser $1 (console in log $2) shows the idle
 # picture again within 2 s, at 20 fps or more over 1.5 s.
 expect_idle_again() {
-  local line fps mark=$(($(lines_in "$2") + 1))
+  local first line fps mark=$(($(lines_in "$2") + 1))
   end_processes "${producer_pid}"
-  if line="$(wait_line "$2" "${mark}" 2 '^picture idle')" &&
+  if first="$(wait_line "$2" "${mark}" 2 '^picture idle')" &&
     line="$(wait_line "$2" "${mark}" 10 '^now idle .* seconds ([2-9]|1\.[5-9])')"; then
+    echo "  ${first}"
     echo "  ${line}"
     fps="$(field "${line}" fps)"
     if at_least "${fps}" 20; then
