@@ -80,6 +80,12 @@ read -r frames size first last < <(echo "${result}" |
 if [ -n "${frames:-}" ] && [ "${frames}" -gt 0 ] && [ "${size}" = "1280x720" ] &&
   [ "${first}" -ge 0 ] && [ "${last}" -gt "${first}" ]; then
   echo "PASS: getUserMedia received ${frames} frames in 3 s (producer frames ${first}..${last})"
+elif [ "${first:-}" = 4294967295 ]; then
+  # The camera's idle picture reads as 4294967295; it must not show while a producer runs.
+  echo "FAIL: getUserMedia: the first frame is the idle picture although the producer runs:" \
+    "${result}"
+  grep -E "shows the|flowmere-camera-source (format|paused|streaming)" "${log}/extension.log"
+  failures=$((failures + 1))
 else
   echo "FAIL: getUserMedia: ${result:-no result}"
   failures=$((failures + 1))
