@@ -27,6 +27,8 @@ done
 
 # shellcheck source=session.sh
 source "${here}/session.sh"
+# shellcheck source=browser-session.sh
+source "${here}/browser-session.sh"
 background=()
 cleanup() {
   end_processes "${background[@]}"
@@ -38,12 +40,6 @@ session_start || { echo "FAIL: no PipeWire session"; exit 1; }
 log="${SESSION_DIR}/browser"
 mkdir -p "${log}"
 
-# The portal's GTK backend needs a display; a virtual one on the first free number.
-Xvfb -displayfd 3 -screen 0 640x480x24 3>"${log}/display" >"${log}/xvfb.log" 2>&1 &
-background+=("$!")
-wait_for "[ -s '${log}/display' ]" 10 || { echo "FAIL: Xvfb did not start"; exit 1; }
-export DISPLAY=":$(head -1 "${log}/display")" XDG_CURRENT_DESKTOP=GNOME
-
 "${extension}" >"${log}/extension.log" 2>&1 &
 background+=("$!")
 wait_for "pw-cli ls Node | grep -q flowmere-camera-sink" 10 ||
@@ -54,23 +50,8 @@ background+=("$!")
 wait_for_offer "${log}/extension.log" "1280x720 BGRA" ||
   { echo "FAIL: the camera never offered the producer's format"; cat "${log}/extension.log"; exit 1; }
 
-# The camera portal grants access from its permission store; grant it before asking, as a user
-# who allowed the camera once would have. The portal's backend starts first so that the portal
-# finds it.
-gdbus call --session --dest org.freedesktop.impl.portal.PermissionStore \
-  --object-path /org/freedesktop/impl/portal/PermissionStore \
-  --method org.freedesktop.impl.portal.PermissionStore.SetPermission \
-  devices true camera "" "['yes']" >/dev/null ||
-  { echo "FAIL: could not grant the camera permission"; exit 1; }
-"${portal_gtk}" >"${log}/portal-gtk.log" 2>&1 &
-background+=("$!")
-wait_for "gdbus introspect --session --dest org.freedesktop.impl.portal.desktop.gtk \
-  --object-path /org/freedesktop/portal/desktop" 10
-"${portal}" >"${log}/portal.log" 2>&1 &
-background+=("$!")
-wait_for "gdbus introspect --session --dest org.freedesktop.portal.Desktop \
-  --object-path /org/freedesktop/portal/desktop | grep -q portal.Camera" 10 ||
-  { echo "FAIL: the camera portal did not come up"; cat "${log}/portal.log"; exit 1; }
+# The display, then the camera portal with the camera allowed, as a user who allowed it once.
+browser_desktop_start "${log}" || exit 1
 
 chromium --headless=new --no-sandbox --disable-gpu --use-fake-ui-for-media-stream \
   --enable-features=WebRtcPipeWireCamera --enable-logging=stderr --v=0 \
@@ -99,6 +80,12 @@ read -r frames size first last < <(echo "${result}" |
 if [ -n "${frames:-}" ] && [ "${frames}" -gt 0 ] && [ "${size}" = "1280x720" ] &&
   [ "${first}" -ge 0 ] && [ "${last}" -gt "${first}" ]; then
   echo "PASS: getUserMedia received ${frames} frames in 3 s (producer frames ${first}..${last})"
+elif [ "${first:-}" = 4294967295 ]; then
+  # The camera's idle picture reads as 4294967295; it must not show while a producer runs.
+  echo "FAIL: getUserMedia: the first frame is the idle picture although the producer runs:" \
+    "${result}"
+  grep -E "shows the|flowmere-camera-source (format|paused|streaming)" "${log}/extension.log"
+  failures=$((failures + 1))
 else
   echo "FAIL: getUserMedia: ${result:-no result}"
   failures=$((failures + 1))
@@ -108,15 +95,7 @@ end_processes "${background[-1]}"
 # --- Firefox: its own choice among the offered formats, which while the producer runs is the
 # producer's.
 if command -v firefox-esr >/dev/null; then
-  mkdir -p "${log}/firefox-profile"
-  cat >"${log}/firefox-profile/user.js" <<'PREFS'
-user_pref("media.webrtc.camera.allow-pipewire", true);
-user_pref("media.navigator.permission.disabled", true);
-user_pref("media.navigator.streams.fake", false);
-user_pref("devtools.console.stdout.content", true);
-user_pref("browser.shell.checkDefaultBrowser", false);
-user_pref("datareporting.policy.dataSubmissionEnabled", false);
-PREFS
+  firefox_profile "${log}/firefox-profile"
   firefox-esr --headless --no-remote --profile "${log}/firefox-profile" \
     "file://${here}/firefox-camera.html" >"${log}/firefox.log" 2>&1 &
   background+=("$!")
