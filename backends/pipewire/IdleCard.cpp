@@ -120,7 +120,7 @@ void convertToP010(const std::uint8_t* argb, std::size_t argbStride, const Frame
   std::uint32_t lastPixel = 0;
   Rgb10 lastEncoded = colour.encode(0, 0, 0);
   const auto pixelAt = [&](std::uint32_t x, std::uint32_t y) {
-    const std::uint8_t* pixel = argb + y * argbStride + x * 4;
+    const std::uint8_t* pixel = argb + y * argbStride + std::size_t{x} * 4;
     std::uint32_t packed = 0;
     std::memcpy(&packed, pixel, sizeof packed);
     packed &= 0x00FF'FFFFU;
@@ -141,7 +141,7 @@ void convertToP010(const std::uint8_t* argb, std::size_t argbStride, const Frame
       for (int index = 0; index < 4; ++index) {
         const std::uint32_t row = rows[index / 2];
         const std::uint32_t column = index % 2 == 0 ? x : right;
-        store16(out + static_cast<std::size_t>(row) * layout.stride + column * 2,
+        store16(out + static_cast<std::size_t>(row) * layout.stride + std::size_t{column} * 2,
                 HdrColor::toYCbCr(block[index]).y);
       }
       Rgb10 mean;
@@ -151,7 +151,8 @@ void convertToP010(const std::uint8_t* argb, std::size_t argbStride, const Frame
         mean.b += one.b / 4;
       }
       const YCbCr10 sample = HdrColor::toYCbCr(mean);
-      std::byte* pair = chroma + static_cast<std::size_t>(y / 2) * layout.stride + x * 2;
+      std::byte* pair =
+          chroma + static_cast<std::size_t>(y / 2) * layout.stride + std::size_t{x} * 2;
       store16(pair, sample.cb);
       store16(pair + 2, sample.cr);
     }
@@ -193,7 +194,7 @@ std::optional<IdleCard> IdleCard::draw(const FrameLayout& layout,
     for (std::uint32_t dot = 0; dot < kMarkerDots; ++dot) {
       const std::uint32_t x = (dot * block + block / 2) & ~1U;
       for (std::uint32_t row = kMarkerRow; row < kMarkerRow + 2; ++row) {
-        std::memset(argb + row * argbStride + x * 4, 0xFF, 8);
+        std::memset(argb + row * argbStride + std::size_t{x} * 4, 0xFF, 8);
       }
     }
   }
@@ -208,8 +209,8 @@ std::optional<IdleCard> IdleCard::draw(const FrameLayout& layout,
       for (std::uint32_t dot = 0; dot < kMarkerDots; ++dot) {
         const std::uint32_t x = (dot * block + block / 2) & ~1U;
         for (std::uint32_t row = kMarkerRow; row < kMarkerRow + 2; ++row) {
-          std::byte* at =
-              card.pixels_.data() + static_cast<std::size_t>(row) * layout.stride + x * 2;
+          std::byte* at = card.pixels_.data() + static_cast<std::size_t>(row) * layout.stride +
+                          std::size_t{x} * 2;
           store16(at, kMarkerLuma);
           store16(at + 2, kMarkerLuma);
         }
@@ -254,9 +255,9 @@ void IdleCard::fillSpan(std::byte* frame, std::uint32_t x0, std::uint32_t x1,
     std::byte* row = frame + static_cast<std::size_t>(y) * layout_.stride;
     for (std::uint32_t x = x0; x < x1; ++x) {
       if (p010) {
-        store16(row + x * 2, colour.hdr.y);
+        store16(row + std::size_t{x} * 2, colour.hdr.y);
       } else {
-        std::memcpy(row + x * 4, &colour.bgra, 4);
+        std::memcpy(row + std::size_t{x} * 4, &colour.bgra, 4);
       }
     }
   }
@@ -265,8 +266,8 @@ void IdleCard::fillSpan(std::byte* frame, std::uint32_t x0, std::uint32_t x1,
     for (std::uint32_t y = barY_ / 2; y < (barY_ + barHeight_) / 2; ++y) {
       std::byte* row = chroma + static_cast<std::size_t>(y) * layout_.stride;
       for (std::uint32_t x = x0 & ~1U; x < x1; x += 2) {
-        store16(row + x * 2, colour.hdr.cb);
-        store16(row + x * 2 + 2, colour.hdr.cr);
+        store16(row + std::size_t{x} * 2, colour.hdr.cb);
+        store16(row + std::size_t{x} * 2 + 2, colour.hdr.cr);
       }
     }
   }
@@ -278,7 +279,7 @@ void IdleCard::drawBar(std::byte* frame, std::int64_t nanoseconds) const {
   }
   // A segment a quarter of the bar long slides across it and wraps round.
   const std::uint32_t segment = (barWidth_ / 4) & ~1U;
-  const auto travel = static_cast<std::int64_t>(barWidth_ + segment);
+  const std::int64_t travel = std::int64_t{barWidth_} + segment;
   const std::int64_t phase =
       ((nanoseconds % kBarPeriodNanoseconds) + kBarPeriodNanoseconds) % kBarPeriodNanoseconds;
   const std::int64_t head = phase * travel / kBarPeriodNanoseconds;  // 0 .. travel

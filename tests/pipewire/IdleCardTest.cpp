@@ -42,7 +42,7 @@ std::optional<std::uint32_t> counterOf(const IdleCard& card) {
   const bool p010 = layout.pixelFormat != platform::kCVPixelFormatType_32BGRA;
   return pattern::readCounter(layout.width, layout.height, [&](std::uint32_t x, std::uint32_t y) {
     const std::byte* pixel =
-        base + static_cast<std::size_t>(y) * layout.stride + x * (p010 ? 2 : 4);
+        base + static_cast<std::size_t>(y) * layout.stride + std::size_t{x} * (p010 ? 2 : 4);
     if (p010) {
       return pattern::p010LumaGrey(sample(pixel));
     }
@@ -138,7 +138,7 @@ TEST(IdleCardTest, AUsersPictureReplacesTheCardAndABadOneFallsBackToIt) {
   EXPECT_TRUE(problem.empty()) << problem;
   const auto pixelAt = [&](std::uint32_t x, std::uint32_t y) {
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(card->pixels().data()) +
-                        static_cast<std::size_t>(y) * layout.stride + x * 4;
+                        static_cast<std::size_t>(y) * layout.stride + std::size_t{x} * 4;
     return pattern::Rgb{bytes[2], bytes[1], bytes[0]};
   };
   EXPECT_EQ(pixelAt(640, 300), (pattern::Rgb{255, 0, 0}));

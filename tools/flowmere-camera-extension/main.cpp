@@ -26,11 +26,12 @@ namespace {
 // Where the user may put the picture shown while no producer runs:
 // $XDG_CONFIG_HOME/flowmere/idle.png, or ~/.config/flowmere/idle.png.
 std::optional<std::filesystem::path> idlePicturePath() {
-  const char* config = std::getenv("XDG_CONFIG_HOME");
+  // Read from main before any thread starts; getenv is not synchronised with setenv.
+  const char* config = std::getenv("XDG_CONFIG_HOME");  // NOLINT(concurrency-mt-unsafe)
   if (config && *config == '/') {
     return std::filesystem::path(config) / "flowmere" / "idle.png";
   }
-  const char* home = std::getenv("HOME");
+  const char* home = std::getenv("HOME");  // NOLINT(concurrency-mt-unsafe)
   if (home && *home == '/') {
     return std::filesystem::path(home) / ".config" / "flowmere" / "idle.png";
   }

@@ -89,7 +89,7 @@ bool writePng(const platform::PixelBuffer& buffer, const std::filesystem::path& 
     const std::byte* row = plane.data + y * plane.bytesPerRow;
     for (std::uint32_t x = 0; x < width; ++x) {
       if (colour) {
-        const auto* pixel = reinterpret_cast<const std::uint8_t*>(row) + x * 4;
+        const auto* pixel = reinterpret_cast<const std::uint8_t*>(row) + std::size_t{x} * 4;
         raw.push_back(pixel[2]);
         raw.push_back(pixel[1]);
         raw.push_back(pixel[0]);

@@ -18,7 +18,7 @@ std::vector<Check> runDoctor(std::chrono::milliseconds pipeWireTimeout) {
   PermissionFacts permissions;
   queryPortal(portal, permissions);
   const HomeDirectories home = homeDirectoriesFromEnvironment();
-  const char* path = std::getenv("PATH");
+  const char* path = std::getenv("PATH");  // NOLINT(concurrency-mt-unsafe): before any thread
   return {
       serviceCheck(graph),
       pipeWireCheck(graph),

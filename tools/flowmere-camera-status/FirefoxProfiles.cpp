@@ -213,9 +213,16 @@ Check firefoxCheck(const HomeDirectories& directories) {
         }
       }
       if (!broken.empty()) {
-        warn(who + ": cannot parse " + broken, "check " + broken);
+        std::string problem = who;
+        problem += ": cannot parse ";
+        problem += broken;
+        warn(problem, "check " + broken);
       } else if (value == FirefoxPref::kTrue) {
-        found.push_back(who + ": " + std::string(kFirefoxCameraPref) + " is true");
+        std::string line = who;
+        line += ": ";
+        line += kFirefoxCameraPref;
+        line += " is true";
+        found.push_back(std::move(line));
       } else {
         warn(who + ": " + std::string(kFirefoxCameraPref) +
                  (value == FirefoxPref::kFalse ? " is false" : " is not set (false)") +

@@ -9,9 +9,11 @@ namespace flowmere::status {
 
 HomeDirectories homeDirectoriesFromEnvironment() {
   HomeDirectories directories;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the doctor reads it before any thread starts.
   if (const char* home = std::getenv("HOME"); home != nullptr && *home != '\0') {
     directories.home = home;
   }
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): as above.
   if (const char* config = std::getenv("XDG_CONFIG_HOME"); config != nullptr && *config == '/') {
     directories.configHome = config;
   } else if (!directories.home.empty()) {

@@ -184,11 +184,12 @@ std::optional<std::string> accessBackendName(std::string_view portalFileText) {
 }
 
 std::vector<std::filesystem::path> portalBackendDirectories() {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the doctor reads it before any thread starts.
   if (const char* directory = std::getenv("XDG_DESKTOP_PORTAL_DIR");
       directory != nullptr && *directory != '\0') {
     return {directory};
   }
-  const char* dataDirs = std::getenv("XDG_DATA_DIRS");
+  const char* dataDirs = std::getenv("XDG_DATA_DIRS");  // NOLINT(concurrency-mt-unsafe)
   std::string list =
       dataDirs != nullptr && *dataDirs != '\0' ? dataDirs : "/usr/local/share:/usr/share";
   std::vector<std::filesystem::path> directories;

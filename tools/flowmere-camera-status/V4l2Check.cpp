@@ -56,6 +56,7 @@ std::vector<VideoDevice> scanVideoDevices(const std::filesystem::path& devDirect
   std::sort(found.begin(), found.end(),
             [](const auto& left, const auto& right) { return left.first < right.first; });
   std::vector<VideoDevice> devices;
+  devices.reserve(found.size());
   for (auto& [number, device] : found) {
     devices.push_back(std::move(device));
   }
@@ -69,7 +70,7 @@ std::filesystem::path findProgram(const std::string& program, const std::string&
     const std::string directory =
         searchPath.substr(start, colon == std::string::npos ? std::string::npos : colon - start);
     if (!directory.empty()) {
-      const std::filesystem::path candidate = std::filesystem::path(directory) / program;
+      std::filesystem::path candidate = std::filesystem::path(directory) / program;
       std::error_code error;
       if (std::filesystem::is_regular_file(candidate, error)) {
         return candidate;

@@ -319,6 +319,7 @@ void SoakRun::produce() {
 void SoakRun::actAsClients() {
   std::mt19937_64 random(options_.seed * 7919 + 1);
   std::vector<std::shared_ptr<const platform::Client>> viewers;
+  viewers.reserve(3);
   for (int i = 0; i < 3; ++i) {
     viewers.push_back(service_->makeClient(1000 + i, "flowmere-soak viewer " + std::to_string(i)));
   }
