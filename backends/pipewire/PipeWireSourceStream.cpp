@@ -283,14 +283,15 @@ void PipeWireSourceStream::sendSampleBuffer(const std::shared_ptr<platform::Samp
   FrameLayout layout;
   {
     const LoopLocker lock(loopLock_);
-    if (!stream_ || !layout_ || pixels->width() != layout_->width ||
-        pixels->height() != layout_->height || pixels->pixelFormat() != layout_->pixelFormat ||
-        pixels->planeCount() != layout_->planeCount) {
-      return;
-    }
+    // Any producer frame keeps the idle picture away, streaming or not, of the negotiated size
+    // or not: a client that links while a producer runs gets the producer's frames first, and
+    // one whose link waits to move to the producer's format keeps its last picture meanwhile.
     const std::int64_t now = common::monotonicNanoseconds();
-    lastFrameArrival_ = now;  // the idle picture stays away while frames come, streaming or not
-    if (state_ != PW_STREAM_STATE_STREAMING) {
+    lastFrameArrival_ = now;
+    if (!stream_ || state_ != PW_STREAM_STATE_STREAMING || !layout_ ||
+        pixels->width() != layout_->width || pixels->height() != layout_->height ||
+        pixels->pixelFormat() != layout_->pixelFormat ||
+        pixels->planeCount() != layout_->planeCount) {
       return;
     }
     pw_buffer* out = dequeueFreeBuffer(now);
