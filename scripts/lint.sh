@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Checks the C++ sources against the repository's .clang-format and .clang-tidy: clang-format
 # must have nothing to change, and clang-tidy must find nothing in any file that the build
-# compiles (its compile commands come from BUILD_DIR, default build/release).
+# compiles (its compile commands come from BUILD_DIR, default build/tsan: a clang build, whose
+# flags are the ones clang-tidy understands).
 #
 #   scripts/lint.sh [BUILD_DIR]
 set -euo pipefail
 cd "$(dirname "$0")/.."
-build="${1:-build/release}"
+build="${1:-build/tsan}"
 
 echo "--- clang-format"
 mapfile -t sources < <(git ls-files '*.h' '*.cpp')

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds and runs the whole test suite: the fuzz targets for a bounded time, then the release
-# build, then under AddressSanitizer with UndefinedBehaviorSanitizer, then under ThreadSanitizer.
+# build, then under AddressSanitizer with UndefinedBehaviorSanitizer, then under ThreadSanitizer,
+# with clang-format and clang-tidy (scripts/lint.sh) before the ThreadSanitizer tests.
 # Installs what is missing first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -34,6 +35,11 @@ for preset in release asan-ubsan tsan; do
   echo "=== ${preset}: configure and build ==="
   cmake --preset "${preset}" >/dev/null
   cmake --build --preset "${preset}" -j "${jobs}"
+  if [ "${preset}" = tsan ]; then
+    # The style and static checks, on the clang build's compile commands.
+    echo "=== lint: clang-format and clang-tidy ==="
+    bash scripts/lint.sh build/tsan
+  fi
   echo "=== ${preset}: test ==="
   ctest --preset "${preset}" -j "${jobs}"
 done

@@ -143,7 +143,7 @@ TEST_F(SqliteSettingsSuiteTest, ConcurrentWritersAndFlushesLoseNothing) {
     auto suite = SqliteSettingsSuite::open(database(), std::chrono::milliseconds(1));
     ASSERT_NE(suite, nullptr);
     std::atomic<int> writersLeft{3};
-    const auto writer = [&](std::string key) {
+    const auto writer = [&](const std::string& key) {
       for (int i = 1; i <= 500; ++i) {
         suite->setInteger(key, i);
         suite->setObject("shared", key);

@@ -168,6 +168,8 @@ TEST_F(MetricsTest, DoubleTextIsPrintfFixedSixEvenUnderACommaLocale) {
     EXPECT_EQ(journal.take().back(), std::string("file x ") + expected);
   }
 
+  // The test runs alone on its thread: setlocale and localeconv have no other caller meanwhile.
+  // NOLINTBEGIN(concurrency-mt-unsafe)
   bool comma = false;
   for (const char* name : {"de_DE.UTF-8", "fr_FR.UTF-8", "de_DE.utf8", "fr_FR.utf8"}) {
     comma = comma ||
@@ -180,6 +182,7 @@ TEST_F(MetricsTest, DoubleTextIsPrintfFixedSixEvenUnderACommaLocale) {
   metrics.recordDouble("latency_average_ms", 1234.5);
   metrics.reset();
   std::setlocale(LC_ALL, "C");
+  // NOLINTEND(concurrency-mt-unsafe)
   const Events events = journal.take();
   EXPECT_EQ(events[1], "file latency_average_ms 1234.500000");
   EXPECT_EQ(events[7], "file latency_average_ms 0.000000");

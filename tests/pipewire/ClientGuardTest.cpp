@@ -30,11 +30,12 @@ class ClientGuardTest : public ::testing::Test {
                        guard.needsLinks(now) ? links : std::vector<ClientGuard::Link>{});
   }
   // Frames sent every 33 ms from `from` to `to` with the given outcome, looking after each.
-  ClientGuard::Action run(std::int64_t from, std::int64_t to, bool found, std::vector<int> held,
-                          std::vector<ClientGuard::Link> links = {}) {
+  ClientGuard::Action run(std::int64_t from, std::int64_t to, bool found,
+                          const std::vector<int>& held,
+                          const std::vector<ClientGuard::Link>& links = {}) {
     for (std::int64_t now = from; now < to; now += 33 * kMs) {
       guard.sendAttempt(now, found);
-      const auto action = look(now, held, links);
+      auto action = look(now, held, links);
       if (action.kind != Kind::kNone) {
         return action;
       }

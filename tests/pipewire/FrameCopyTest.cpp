@@ -196,7 +196,7 @@ TEST(FrameCopyTest, ParallelCopyCopiesEveryRowOfLargeFramesAndOnlyThem) {
 TEST(FrameCopyTest, ParallelCopyKeepsSmallFramesOnTheCallingThread) {
   { ParallelCopy unused; }
   ParallelCopy small;
-  std::array<Plane, 1> planes{Plane{pattern(std::size_t{64} * 4 * 64, 3), 64 * 4}};
+  std::array<Plane, 1> planes{Plane{pattern(std::size_t{64} * 4 * 64, 3), std::size_t{64} * 4}};
   expectFrameCopied(64, 64, SPA_VIDEO_FORMAT_BGRA, planes, 64 * 4,
                     [&small](const platform::PixelBuffer& pixels, const FrameLayout& layout,
                              std::byte* target) { small.copyFrame(pixels, layout, target); });

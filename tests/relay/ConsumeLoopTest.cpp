@@ -62,7 +62,8 @@ TEST_F(PacingTest, BuffersAThirtiethApartLeaveAThirtiethApart) {
       generation, ExtensionHarness::makeFrameForFormat(0, MediaTime::make(31, 30)), 2);
   harness.advanceBy(1.0);
   ASSERT_EQ(harness.scheduledOutputTimes.size(), 2U);
-  EXPECT_NEAR(harness.scheduledOutputTimes[1] - harness.scheduledOutputTimes[0], kSecond / 30, 1);
+  EXPECT_NEAR(harness.scheduledOutputTimes[1] - harness.scheduledOutputTimes[0],
+              static_cast<double>(kSecond) / 30, 1);
 }
 
 TEST_F(PacingTest, BackwardAndUnusableStampsDeliverAtOnce) {
@@ -138,7 +139,7 @@ TEST_F(ConsumeLoopTest, ReceivedCadenceContinuesAcrossStopAndStart) {
                    std::make_shared<platform::SampleBuffer>(
                        pixels, std::nullopt,
                        platform::SampleTimingInfo{{}, MediaTime::make(pushed, 30), {}}),
-                   static_cast<std::uint64_t>(pushed + 1));
+                   static_cast<std::uint64_t>(pushed) + 1);
     }
     harness.advanceBy(0.1);
   };

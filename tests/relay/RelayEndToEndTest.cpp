@@ -25,6 +25,7 @@ TEST_P(RelayEndToEndTest, ProducerFramesReachTheClientWithoutCopies) {
 
   // The producer cycles through a small pool of pixel buffers, as a real one would.
   std::vector<std::shared_ptr<platform::PixelBuffer>> pool;
+  pool.reserve(4);
   for (int i = 0; i < 4; ++i) {
     pool.push_back(ExtensionHarness::makeFrameForFormat(format, {})->imageBuffer());
   }
@@ -61,7 +62,7 @@ TEST_P(RelayEndToEndTest, ProducerFramesReachTheClientWithoutCopies) {
   }
   // Frames leave spaced as their time stamps are.
   EXPECT_NEAR(harness.sent[89].sentAtNanoseconds - harness.sent[0].sentAtNanoseconds,
-              89'000'000'000 / 30, 2'000'000);
+              89'000'000'000.0 / 30, 2'000'000);
   EXPECT_EQ(harness.readStateFile("bridge_frames_received"), "90");
   // The 90th frame published "received 90"; the empty poll after it took the status over.
   EXPECT_EQ(harness.logsStartingWith("received 90", false).size(), 0U);

@@ -190,9 +190,9 @@ TEST(TimelineTest, PublishesAgainExactlyNinetyMillisecondsLater) {
 // writes for the same object, for every uptime and the extremes of the integers.
 TEST(TimelineTest, TextIsTheLibrarysOwnSerialisation) {
   struct Case {
-    double uptime;
+    double uptime = 0;
     MediaTime time;
-    std::int32_t pid;
+    std::int32_t pid = 0;
   };
   for (const Case& c : {Case{100.001, MediaTime::make(1, 30), 77},
                         Case{123.456789, MediaTime::make(INT64_MAX, 1), INT32_MAX},

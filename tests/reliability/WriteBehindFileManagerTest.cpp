@@ -48,6 +48,7 @@ TEST_F(WriteBehindFileManagerTest, AFlushLeavesEachFileWithItsLastText) {
   WriteBehindFileManager files(posix());
   constexpr int kWrites = 20'000;
   std::vector<std::thread> writers;
+  writers.reserve(2);
   for (int writer = 0; writer < 2; ++writer) {
     writers.emplace_back([&, writer] {
       const std::string own = path("own-" + std::to_string(writer));
