@@ -55,6 +55,18 @@ start_gstreamer_client() {
   background+=("${gst_pid}")
   wait_for "[ \$(grep -c 'flowmere-camera-source streams with' '${work}/extension.log') -gt ${before} ]" 10
 }
+# Runs client $1 for $2 seconds; it must get at least $3 frames at 29 fps or more ($4 says who).
+check_served() {
+  local frames rate
+  start_receiver "$1" "$2"
+  wait "${client_pid}"
+  read -r frames rate < <(sed -n 's/^received \([0-9]*\) frames in [0-9.]* s (\([0-9.]*\) fps).*/\1 \2/p' "${work}/$1.out")
+  if [ "${frames:-0}" -ge "$3" ] && awk -v r="${rate:-0}" 'BEGIN { exit !(r >= 29) }'; then
+    pass "$4: ${frames} frames at ${rate} fps"
+  else
+    fail "$4: $(head -1 "${work}/$1.out")"
+  fi
+}
 # Whether client $1's rate from 1 s to $3 s after instant $2 is at least 29 fps.
 check_rate() {
   local fps gap
@@ -100,14 +112,7 @@ if wait_for "grep -q 'cuts off link .*gst-launch-1.0 (pid ${early_pid})' '${work
 else
   echo "  the early client followed the format change (no cut needed)"
 fi
-start_receiver fresh 4
-wait "${client_pid}"
-read -r fresh_frames fresh_rate _ < <(sed -n 's/^received \([0-9]*\) frames in [0-9.]* s (\([0-9.]*\) fps).*/\1 \2/p' "${work}/fresh.out")
-if [ "${fresh_frames:-0}" -ge 100 ] && awk -v r="${fresh_rate:-0}" 'BEGIN { exit !(r >= 29) }'; then
-  pass "a fresh client after the early one: ${fresh_frames} frames at ${fresh_rate} fps"
-else
-  fail "a fresh client after the early one: $(head -1 "${work}/fresh.out")"
-fi
+check_served fresh 4 100 "a fresh client after the early one"
 end_processes "${early_pid}" "${producer_pid}"
 
 # --- 2. A client killed with SIGKILL while it holds a buffer, and 3. one stopped for 6 s.
@@ -140,14 +145,7 @@ sleep 6
 kill -CONT "${stopped_pid}"
 end_processes "${stopped_pid}"
 
-start_receiver late 3
-wait "${client_pid}"
-read -r late_frames late_rate _ < <(sed -n 's/^received \([0-9]*\) frames in [0-9.]* s (\([0-9.]*\) fps).*/\1 \2/p' "${work}/late.out")
-if [ "${late_frames:-0}" -ge 70 ] && awk -v r="${late_rate:-0}" 'BEGIN { exit !(r >= 29) }'; then
-  pass "a new client after the faults: ${late_frames} frames at ${late_rate} fps"
-else
-  fail "a new client after the faults: $(head -1 "${work}/late.out")"
-fi
+check_served late 3 70 "a new client after the faults"
 
 # --- 4. The producer stops: the idle picture returns, without the client doing anything.
 end_processes "${producer_pid}"

@@ -181,12 +181,8 @@ Check chromiumCheck(const HomeDirectories& directories) {
                     "with --enable-features=" +
                     std::string(kChromiumCameraFeature) + ")");
   }
-  for (std::size_t index = 0; index < found.size(); ++index) {
-    check.found += (index ? "; " : "") + found[index];
-  }
-  for (std::size_t index = 0; index < fixes.size(); ++index) {
-    check.fix += (index ? "; " : "") + fixes[index];
-  }
+  check.found += joinFindings(found);
+  check.fix += joinFindings(fixes);
   return check;
 }
 

@@ -7,6 +7,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace flowmere::status {
 
@@ -28,5 +29,12 @@ std::string_view checkResultName(CheckResult result);
 
 // The worse of two results.
 CheckResult worse(CheckResult first, CheckResult second);
+
+// Several findings (or fixes) as one field: joined by "; ".
+std::string joinFindings(const std::vector<std::string>& parts);
+
+// `text` without its leading and trailing blanks (spaces, tabs, line ends): for the ini-style
+// files the checks read.
+std::string_view trimBlanks(std::string_view text);
 
 }  // namespace flowmere::status

@@ -9,15 +9,6 @@ namespace flowmere::status {
 
 namespace {
 
-std::string_view trim(std::string_view text) {
-  const auto first = text.find_first_not_of(" \t\r\n");
-  if (first == std::string_view::npos) {
-    return {};
-  }
-  const auto last = text.find_last_not_of(" \t\r\n");
-  return text.substr(first, last - first + 1);
-}
-
 struct Root {
   bool underConfig;
   const char* directory;
@@ -71,7 +62,7 @@ std::optional<std::vector<FirefoxProfileEntry>> parseProfilesIni(
   std::istringstream lines{std::string(text)};
   std::string raw;
   while (std::getline(lines, raw)) {
-    const std::string_view line = trim(raw);
+    const std::string_view line = trimBlanks(raw);
     if (line.empty() || line.front() == ';' || line.front() == '#') {
       continue;
     }
@@ -87,8 +78,8 @@ std::optional<std::vector<FirefoxProfileEntry>> parseProfilesIni(
     if (equals == std::string_view::npos || equals == 0) {
       return std::nullopt;
     }
-    const std::string_view key = trim(line.substr(0, equals));
-    const std::string_view value = trim(line.substr(equals + 1));
+    const std::string_view key = trimBlanks(line.substr(0, equals));
+    const std::string_view value = trimBlanks(line.substr(equals + 1));
     if (key == "Name") {
       section.name = value;
     } else if (key == "Path") {
@@ -109,14 +100,14 @@ FirefoxPref firefoxPref(std::string_view prefsText, std::string_view name) {
   std::string raw;
   bool inComment = false;
   while (std::getline(lines, raw)) {
-    std::string_view line = trim(raw);
+    std::string_view line = trimBlanks(raw);
     if (inComment) {
       const auto end = line.find("*/");
       if (end == std::string_view::npos) {
         continue;
       }
       inComment = false;
-      line = trim(line.substr(end + 2));
+      line = trimBlanks(line.substr(end + 2));
     }
     if (line.rfind("/*", 0) == 0) {
       const auto end = line.find("*/", 2);
@@ -124,7 +115,7 @@ FirefoxPref firefoxPref(std::string_view prefsText, std::string_view name) {
         inComment = true;
         continue;
       }
-      line = trim(line.substr(end + 2));
+      line = trimBlanks(line.substr(end + 2));
     }
     if (line.empty() || line.rfind("//", 0) == 0 || line.front() == '#') {
       continue;
@@ -234,12 +225,8 @@ Check firefoxCheck(const HomeDirectories& directories) {
       }
     }
   }
-  for (std::size_t index = 0; index < found.size(); ++index) {
-    check.found += (index ? "; " : "") + found[index];
-  }
-  for (std::size_t index = 0; index < fixes.size(); ++index) {
-    check.fix += (index ? "; " : "") + fixes[index];
-  }
+  check.found += joinFindings(found);
+  check.fix += joinFindings(fixes);
   return check;
 }
 

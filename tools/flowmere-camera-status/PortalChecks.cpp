@@ -67,15 +67,6 @@ std::set<std::string> busNames(sd_bus* bus, const char* method) {
   return names;
 }
 
-std::string_view trim(std::string_view text) {
-  const auto first = text.find_first_not_of(" \t\r\n");
-  if (first == std::string_view::npos) {
-    return {};
-  }
-  const auto last = text.find_last_not_of(" \t\r\n");
-  return text.substr(first, last - first + 1);
-}
-
 void queryCamera(sd_bus* bus, PortalFacts& facts) {
   BusError error;
   int present = 0;
@@ -149,7 +140,7 @@ std::optional<std::string> accessBackendName(std::string_view portalFileText) {
   bool access = false;
   bool inPortal = false;
   while (std::getline(lines, raw)) {
-    const std::string_view line = trim(raw);
+    const std::string_view line = trimBlanks(raw);
     if (line.empty() || line.front() == '#') {
       continue;
     }
@@ -161,15 +152,15 @@ std::optional<std::string> accessBackendName(std::string_view portalFileText) {
     if (!inPortal || equals == std::string_view::npos) {
       continue;
     }
-    const std::string_view key = trim(line.substr(0, equals));
-    const std::string_view value = trim(line.substr(equals + 1));
+    const std::string_view key = trimBlanks(line.substr(0, equals));
+    const std::string_view value = trimBlanks(line.substr(equals + 1));
     if (key == "DBusName") {
       name = value;
     } else if (key == "Interfaces") {
       std::string_view rest = value;
       while (!rest.empty()) {
         const auto semicolon = rest.find(';');
-        if (trim(rest.substr(0, semicolon)) == "org.freedesktop.impl.portal.Access") {
+        if (trimBlanks(rest.substr(0, semicolon)) == "org.freedesktop.impl.portal.Access") {
           access = true;
         }
         rest =
