@@ -31,6 +31,9 @@
 // it and lets the ClientGuard look at the node's buffers; the guard's verdicts (reclaim the
 // buffers, cut a client's link) are carried out here and logged once each.
 //
+// The tick and the idle picture are in PipeWireSourceIdle.cpp, the guard's side in
+// PipeWireSourceGuard.cpp.
+//
 // Threads: as PipeWireStream. `sendSampleBuffer` runs on the sink's consume queue; it takes the
 // loop lock only to dequeue, and again to queue and trigger. Every other member is GUARDED_BY
 // the loop lock.
