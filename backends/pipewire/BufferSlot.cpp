@@ -1,6 +1,13 @@
 #include "BufferSlot.h"
 
+#include <atomic>
+
 namespace flowmere::pipewire {
+
+std::uint64_t BufferSlot::nextSerial() {
+  static std::atomic<std::uint64_t> next{1};
+  return next.fetch_add(1, std::memory_order_relaxed);
+}
 
 bool BufferSlot::beginAccess() {
   const std::scoped_lock lock(mutex_);

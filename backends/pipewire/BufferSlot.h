@@ -27,7 +27,11 @@ namespace flowmere::pipewire {
 class BufferSlot final : public platform::ExternalMemory,
                          public std::enable_shared_from_this<BufferSlot> {
  public:
-  explicit BufferSlot(pw_buffer* buffer) : buffer_(buffer) {}
+  explicit BufferSlot(pw_buffer* buffer) : buffer_(buffer), serial_(nextSerial()) {}
+
+  // A number no other slot of this process has had: an identity that outlives the slot, unlike
+  // its address.
+  [[nodiscard]] std::uint64_t serial() const { return serial_; }
 
   // The PipeWire buffer; only to be used by a holder of its node's loop lock, and only while
   // `revoked()` is false.
@@ -49,7 +53,10 @@ class BufferSlot final : public platform::ExternalMemory,
   void setPictureTag(std::uint64_t tag) { pictureTag_.store(tag, std::memory_order_relaxed); }
 
  private:
+  static std::uint64_t nextSerial();
+
   pw_buffer* const buffer_;
+  const std::uint64_t serial_;
   mutable std::mutex mutex_;
   std::condition_variable idle_;
   int users_ = 0;         // by mutex_

@@ -1,13 +1,48 @@
 #include "ClientGuard.h"
 
 #include <algorithm>
+#include <fstream>
+#include <string>
 
 namespace flowmere::pipewire {
 
-void ClientGuard::linkRemoved(std::int64_t now, std::string client,
+namespace {
+
+// The state letter of /proc/PID/stat (its third field), 'X' for a process that is gone, or
+// nothing for an unknown pid.
+std::optional<char> processState(std::int32_t pid) {
+  if (pid <= 0) {
+    return std::nullopt;
+  }
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  if (!stat || !std::getline(stat, text)) {
+    return 'X';
+  }
+  const auto end = text.rfind(')');  // the command name may hold spaces and parentheses
+  if (end == std::string::npos || end + 2 >= text.size()) {
+    return std::nullopt;
+  }
+  return text[end + 2];
+}
+
+}  // namespace
+
+bool processHasEnded(std::int32_t pid) {
+  const auto state = processState(pid);
+  return state && (*state == 'Z' || *state == 'X');
+}
+
+bool processIsStopped(std::int32_t pid) {
+  const auto state = processState(pid);
+  return state && (*state == 'T' || *state == 't' || *state == 'Z' || *state == 'X');
+}
+
+void ClientGuard::linkRemoved(std::int64_t now, std::string client, std::int32_t pid,
                               std::span<const Buffer> buffers) {
   departure_ = now;
   departedClient_ = std::move(client);
+  departedPid_ = pid;
   departureHeld_.clear();
   for (const Buffer& buffer : buffers) {
     if (buffer.held) {
@@ -52,7 +87,7 @@ ClientGuard::Action ClientGuard::act(std::int64_t now, Action action) {
 ClientGuard::Action ClientGuard::check(std::int64_t now, std::span<const Buffer> buffers,
                                        const std::vector<Link>& links) {
   // A buffer seen free since the departure was not the departed client's.
-  std::erase_if(departureHeld_, [&](const void* key) {
+  std::erase_if(departureHeld_, [&](std::uint64_t key) {
     return std::none_of(buffers.begin(), buffers.end(),
                         [key](const Buffer& buffer) { return buffer.key == key && buffer.held; });
   });
@@ -61,12 +96,20 @@ ClientGuard::Action ClientGuard::check(std::int64_t now, std::span<const Buffer>
     return {};
   }
 
-  if (departure_ && now - *departure_ >= kDepartureGraceNanoseconds) {
+  if (departure_ && departureHeld_.empty()) {
+    departure_.reset();  // it held nothing, or gave everything back as it closed
+  }
+  if (departure_ && now - *departure_ >= kDepartureLimitNanoseconds) {
+    departure_.reset();  // a process that still runs gives its buffers back itself
+    departureHeld_.clear();
+  }
+  if (departure_ && now - *departure_ >= kDepartureGraceNanoseconds && departedPid_ > 0 &&
+      processGone_ && processGone_(departedPid_)) {
     const std::string who = std::move(departedClient_);
-    std::vector<const void*> held = std::move(departureHeld_);
+    std::vector<std::uint64_t> held = std::move(departureHeld_);
     departure_.reset();
     departureHeld_.clear();
-    if (!held.empty()) {
+    {
       const std::string count = std::to_string(held.size());
       return act(now, Action{Action::Kind::kRelease, 0, std::move(held),
                              who + " went away holding " + count + " of " +

@@ -25,25 +25,6 @@ std::string describeClient(const std::shared_ptr<const platform::Client>& client
          (client->pid() > 0 ? " (pid " + std::to_string(client->pid()) + ")" : std::string());
 }
 
-// Whether process `pid` is stopped (by a signal or a debugger) or has ended: either way it
-// gives nothing back. Reads /proc/PID/stat, whose third field is the state.
-bool processStopped(std::int32_t pid) {
-  if (pid <= 0) {
-    return false;
-  }
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string text;
-  if (!stat || !std::getline(stat, text)) {
-    return true;  // gone
-  }
-  const auto end = text.rfind(')');
-  if (end == std::string::npos || end + 2 >= text.size()) {
-    return false;
-  }
-  const char state = text[end + 2];
-  return state == 'T' || state == 't' || state == 'Z' || state == 'X';
-}
-
 }  // namespace
 
 std::vector<ClientGuard::Link> PipeWireSourceStream::guardLinks() {
@@ -52,7 +33,7 @@ std::vector<ClientGuard::Link> PipeWireSourceStream::guardLinks() {
     ClientGuard::Link entry;
     entry.id = link.id;
     entry.client = describeClient(link.client);
-    entry.processStopped = link.client && processStopped(link.client->pid());
+    entry.processStopped = link.client && processIsStopped(link.client->pid());
     links.push_back(std::move(entry));
   }
   return links;
@@ -63,11 +44,14 @@ std::vector<ClientGuard::Buffer> PipeWireSourceStream::bufferStates() const {
   buffers.reserve(slots().size());
   for (const auto& slot : slots()) {
     // pw_stream counts in the buffer's shared memory the holders of it: clients that took it and
-    // have not given it back.
+    // have not given it back. Read as pw_stream does: it hands a buffer out when one more holder
+    // makes at most one, so a count below zero (PipeWire's V4L2 layer gives a buffer back twice
+    // as its program exits) is free too.
     const auto* busy = static_cast<const spa_meta_busy*>(
         spa_buffer_find_meta_data(slot->buffer()->buffer, SPA_META_Busy, sizeof(spa_meta_busy)));
-    const bool held = busy && __atomic_load_n(&busy->count, __ATOMIC_RELAXED) > 0;
-    buffers.push_back(ClientGuard::Buffer{slot.get(), held});
+    const bool held =
+        busy && static_cast<std::int32_t>(__atomic_load_n(&busy->count, __ATOMIC_RELAXED)) > 0;
+    buffers.push_back(ClientGuard::Buffer{slot->serial(), held});
   }
   return buffers;
 }
@@ -81,17 +65,18 @@ void PipeWireSourceStream::guardClients(std::int64_t now) {
       return;
     case ClientGuard::Action::Kind::kRelease: {
       // One holder less on each: the departed client's mark, which nobody else would ever take
-      // off. A count that dropped meanwhile is left alone.
+      // off. A count that dropped to zero (or below) meanwhile is left alone.
       for (const auto& slot : slots()) {
-        if (std::find(action.buffers.begin(), action.buffers.end(), slot.get()) ==
+        if (std::find(action.buffers.begin(), action.buffers.end(), slot->serial()) ==
             action.buffers.end()) {
           continue;
         }
         auto* busy = static_cast<spa_meta_busy*>(spa_buffer_find_meta_data(
             slot->buffer()->buffer, SPA_META_Busy, sizeof(spa_meta_busy)));
         std::uint32_t count = busy ? __atomic_load_n(&busy->count, __ATOMIC_RELAXED) : 0U;
-        while (count > 0 && !__atomic_compare_exchange_n(&busy->count, &count, count - 1U, false,
-                                                         __ATOMIC_ACQ_REL, __ATOMIC_RELAXED)) {
+        while (static_cast<std::int32_t>(count) > 0 &&
+               !__atomic_compare_exchange_n(&busy->count, &count, count - 1U, false,
+                                            __ATOMIC_ACQ_REL, __ATOMIC_RELAXED)) {
         }
       }
       writeLog("[pipewire] " + nodeName_ + " takes back the buffers: " + action.reason);
@@ -123,7 +108,8 @@ void PipeWireSourceStream::linksChanged() {
     const bool stays = std::any_of(links.begin(), links.end(),
                                    [&](const auto& after) { return after.id == before.id; });
     if (!stays) {
-      guard_.linkRemoved(now, describeClient(before.client), bufferStates());
+      guard_.linkRemoved(now, describeClient(before.client),
+                         before.client ? before.client->pid() : -1, bufferStates());
     }
   }
   links_ = std::move(links);

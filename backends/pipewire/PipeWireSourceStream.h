@@ -125,7 +125,7 @@ class PipeWireSourceStream final : public PipeWireStream {
   std::vector<std::byte> publishedOffers_ GUARDED_BY(loopLock_);  // the offers' pods, as sent
   spa_source* tickTimer_ GUARDED_BY(loopLock_) = nullptr;
   bool ticking_ GUARDED_BY(loopLock_) = false;
-  ClientGuard guard_ GUARDED_BY(loopLock_);
+  ClientGuard guard_ GUARDED_BY(loopLock_){&processHasEnded};
   // The node's links at the last look, to tell who left.
   std::vector<PeerDirectory::PeerLink> links_ GUARDED_BY(loopLock_);
   // When the last producer frame of the negotiated size arrived; none yet: far in the past.

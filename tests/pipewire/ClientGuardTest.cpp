@@ -20,7 +20,7 @@ class ClientGuardTest : public ::testing::Test {
       for (const int one : heldBuffers) {
         held = held || one == index;
       }
-      buffers.push_back(ClientGuard::Buffer{&keys[index], held});
+      buffers.push_back(ClientGuard::Buffer{kFirstKey + static_cast<std::uint64_t>(index), held});
     }
     return buffers;
   }
@@ -43,8 +43,10 @@ class ClientGuardTest : public ::testing::Test {
     return {};
   }
 
-  ClientGuard guard;
-  int keys[8] = {};
+  static constexpr std::uint64_t kFirstKey = 100;
+  // Process 10 is gone once `ended` says so; every other is alive.
+  bool ended = true;
+  ClientGuard guard{[this](std::int32_t pid) { return pid == 10 && ended; }};
   std::vector<ClientGuard::Link> twoClients{{44, "gst-launch-1.0 (pid 10)", false},
                                             {51, "flowmere-camera-receiver (pid 11)", false}};
 };
@@ -56,7 +58,7 @@ TEST_F(ClientGuardTest, BuffersHeldByAClientThatLeftAreTakenBackWithinASecond) {
     ASSERT_EQ(look(now, {static_cast<int>(now / (33 * kMs)) % 8}).kind, Kind::kNone);
   }
   const std::int64_t killed = 1000 * kMs;
-  guard.linkRemoved(killed, "gst-launch-1.0 (pid 10)", states({3, 4}));
+  guard.linkRemoved(killed, "gst-launch-1.0 (pid 10)", 10, states({3, 4}));
   ClientGuard::Action action;
   std::int64_t now = killed;
   for (; now < killed + 1000 * kMs && action.kind == Kind::kNone; now += 33 * kMs) {
@@ -65,7 +67,7 @@ TEST_F(ClientGuardTest, BuffersHeldByAClientThatLeftAreTakenBackWithinASecond) {
   }
   ASSERT_EQ(action.kind, Kind::kRelease);
   EXPECT_LT(now - killed, 1000 * kMs);
-  EXPECT_EQ(action.buffers, std::vector<const void*>{&keys[3]});
+  EXPECT_EQ(action.buffers, std::vector<std::uint64_t>{kFirstKey + 3});
   EXPECT_NE(action.reason.find("gst-launch-1.0 (pid 10) went away holding 1 of 8"),
             std::string::npos)
       << action.reason;
@@ -75,10 +77,32 @@ TEST_F(ClientGuardTest, ABufferInFlightAtADepartureIsNotTakenBack) {
   // Held at the departure, free at the next look, held again by a live client later: that
   // client's hold is its own.
   look(0, {2});
-  guard.linkRemoved(10 * kMs, "firefox (pid 12)", states({2}));
+  guard.linkRemoved(10 * kMs, "firefox (pid 12)", 12, states({2}));
   EXPECT_EQ(look(40 * kMs, {}).kind, Kind::kNone);
   for (std::int64_t now = 73 * kMs; now < 3000 * kMs; now += 33 * kMs) {
     ASSERT_EQ(look(now, {2}).kind, Kind::kNone);
+  }
+}
+
+TEST_F(ClientGuardTest, NothingIsTakenFromAClientWhoseProcessStillRuns) {
+  // A program that closes its stream slowly takes its own marks off as it goes; a mark taken
+  // twice would leave the buffer looking held for ever.
+  ended = false;
+  guard.linkRemoved(0, "ffmpeg (pid 10)", 10, states({0, 1, 2, 3, 4, 5, 6, 7}));
+  for (std::int64_t now = 0; now < 2000 * kMs; now += 33 * kMs) {
+    ASSERT_EQ(look(now, {0, 1, 2, 3, 4, 5, 6, 7}).kind, Kind::kNone);
+  }
+  // It ended with two still marked: those two come back.
+  ended = true;
+  const auto action = look(2000 * kMs, {2, 5});
+  ASSERT_EQ(action.kind, Kind::kRelease);
+  EXPECT_EQ(action.buffers, (std::vector<std::uint64_t>{kFirstKey + 2, kFirstKey + 5}));
+  // A departure whose process outlives the limit is forgotten.
+  ended = false;
+  guard.linkRemoved(3000 * kMs, "ffmpeg (pid 10)", 10, states({1}));
+  for (std::int64_t now = 3000 * kMs; now < 9000 * kMs; now += 33 * kMs) {
+    ended = now > 8500 * kMs;
+    ASSERT_EQ(look(now, {1}).kind, Kind::kNone) << now / kMs;
   }
 }
 
@@ -119,7 +143,7 @@ TEST_F(ClientGuardTest, ACutClientsBuffersComeBackAndTheNextSuspectWaitsItsTurn)
   EXPECT_EQ(action.link, 51U);  // the newest of the links that moved
   // Its link goes with every buffer held: once the settling time is over they come back.
   const std::vector<ClientGuard::Link> oneLeft{twoClients[0]};
-  guard.linkRemoved(600 * kMs, "flowmere-camera-receiver (pid 11)", states(all));
+  guard.linkRemoved(600 * kMs, "flowmere-camera-receiver (pid 11)", 10, states(all));
   action = run(620 * kMs, 2000 * kMs, false, all, oneLeft);
   ASSERT_EQ(action.kind, Kind::kRelease);
   EXPECT_EQ(action.buffers.size(), 8U);
@@ -138,7 +162,7 @@ TEST_F(ClientGuardTest, WithoutASuspectTheNewestLinkGoes) {
 
 TEST_F(ClientGuardTest, ResetForgetsADepartureAndTheStarvation) {
   look(0, {5});
-  guard.linkRemoved(10 * kMs, "chromium (pid 13)", states({5}));
+  guard.linkRemoved(10 * kMs, "chromium (pid 13)", 10, states({5}));
   guard.sendAttempt(10 * kMs, false);
   guard.reset();  // the node stopped streaming: its buffers go anyway
   EXPECT_EQ(look(2000 * kMs, {5}, twoClients).kind, Kind::kNone);
