@@ -49,10 +49,6 @@ std::optional<std::filesystem::path> StateFiles::stateDirectoryURL() {
   return std::filesystem::path(std::move(directory));
 }
 
-bool StateFiles::createStateDirectory(const std::filesystem::path& directory) {
-  return fileManager_.createDirectory(directory);
-}
-
 void StateFiles::writeStateFile(std::string_view text, std::string_view name) {
   // Resolved for every write: the container may be granted, revoked or removed while the process
   // runs, and each write should land wherever readers look at that moment. The path is built in

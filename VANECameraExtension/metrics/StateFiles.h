@@ -31,8 +31,6 @@ class StateFiles {
   // The directory to write into: the container's state directory, else the fallback; none when
   // neither can be created.
   std::optional<std::filesystem::path> stateDirectoryURL();
-  // Creates the directory (and parents); true when it exists afterwards.
-  bool createStateDirectory(const std::filesystem::path& directory);
   // Writes `text` as the whole content of the file `name` in the state directory, atomically.
   // Failures are dropped silently.
   void writeStateFile(std::string_view text, std::string_view name);

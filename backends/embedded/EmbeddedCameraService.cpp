@@ -71,8 +71,10 @@ void EmbeddedCameraService::runMainRunLoop() {
   if (options_.mode == TimeMode::kVirtual) {
     return;
   }
-  std::unique_lock lock(runLoopMutex_);
-  runLoopWake_.wait(lock, [this] { return shutdownRequested_; });
+  const platform::Locker lock(runLoopMutex_);
+  while (!shutdownRequested_) {
+    runLoopWake_.wait(runLoopMutex_);
+  }
 }
 
 void EmbeddedCameraService::flushStateFiles() {
@@ -90,10 +92,10 @@ void EmbeddedCameraService::shutdown() {
     }
   }
   {
-    const std::scoped_lock lock(runLoopMutex_);
+    const platform::Locker lock(runLoopMutex_);
     shutdownRequested_ = true;
   }
-  runLoopWake_.notify_all();
+  runLoopWake_.notifyAll();
 }
 
 std::shared_ptr<platform::SerialQueue> EmbeddedCameraService::createSerialQueue(

@@ -238,9 +238,9 @@ class EmbeddedCameraService final : public platform::Platform,
   std::string consumeFaultDescription_ GUARDED_BY(mutex_);
   std::map<std::filesystem::path, std::shared_ptr<SharedSettingsStore>> settingsStores_
       GUARDED_BY(mutex_);
-  std::mutex runLoopMutex_;
-  std::condition_variable runLoopWake_;
-  bool shutdownRequested_ = false;  // guarded by runLoopMutex_
+  platform::Mutex runLoopMutex_;
+  platform::ConditionVariable runLoopWake_;
+  bool shutdownRequested_ GUARDED_BY(runLoopMutex_) = false;
 };
 
 template <typename F>

@@ -65,7 +65,7 @@ bool PipeWireCameraService::connect() {
 }
 
 void PipeWireCameraService::peersChanged(PipeWireLoop& loop) {
-  const std::scoped_lock lock(publishedMutex_);
+  const platform::Locker lock(publishedMutex_);
   for (const auto& stream : published_) {
     if (&stream->loop() == &loop) {
       loop.lock().assertHeld();
@@ -75,7 +75,7 @@ void PipeWireCameraService::peersChanged(PipeWireLoop& loop) {
 }
 
 void PipeWireCameraService::producerFormatChanged(std::optional<std::int64_t> index) {
-  const std::scoped_lock lock(publishedMutex_);
+  const platform::Locker lock(publishedMutex_);
   for (const auto& stream : published_) {
     if (auto* source = dynamic_cast<PipeWireSourceStream*>(stream.get())) {
       source->producerFormatChanged(index);
@@ -161,7 +161,7 @@ void PipeWireCameraService::startService(const std::shared_ptr<platform::Provide
     for (const auto& stream : device->streams()) {
       // Listed before the node exists, so that no peer change of the new node is missed.
       {
-        const std::scoped_lock lock(publishedMutex_);
+        const platform::Locker lock(publishedMutex_);
         published_.push_back(stream);
       }
       const LoopLocker lock(stream->loop().lock());
@@ -175,8 +175,10 @@ void PipeWireCameraService::startService(const std::shared_ptr<platform::Provide
 
 void PipeWireCameraService::runMainRunLoop() {
   {
-    std::unique_lock lock(runLoopMutex_);
-    runLoopWake_.wait(lock, [this] { return shutdownRequested_; });
+    const platform::Locker lock(runLoopMutex_);
+    while (!shutdownRequested_) {
+      runLoopWake_.wait(runLoopMutex_);
+    }
   }
   // The shutdown order: the started streams are stopped as if their peers had left (the
   // extension writes "sink stopped" and "source stopped"), the nodes go, and the platform queue
@@ -185,7 +187,7 @@ void PipeWireCameraService::runMainRunLoop() {
   stopNodes();
   drainPlatformQueue();
   fileManager_->flush();
-  const std::scoped_lock lock(suitesMutex_);
+  const platform::Locker lock(suitesMutex_);
   for (const auto& [path, suite] : suites_) {
     suite->flush();
   }
@@ -194,7 +196,7 @@ void PipeWireCameraService::runMainRunLoop() {
 void PipeWireCameraService::stopNodes() {
   std::vector<std::shared_ptr<PipeWireStream>> streams;
   {
-    const std::scoped_lock lock(publishedMutex_);
+    const platform::Locker lock(publishedMutex_);
     streams = published_;
   }
   for (const auto& stream : streams) {
@@ -226,7 +228,7 @@ void PipeWireCameraService::drainPlatformQueue() {
 
 void PipeWireCameraService::shutdown(ShutdownReason reason) {
   {
-    const std::scoped_lock lock(runLoopMutex_);
+    const platform::Locker lock(runLoopMutex_);
     if (shutdownRequested_) {
       return;  // both loops see PipeWire go; the first reason holds
     }
@@ -236,11 +238,11 @@ void PipeWireCameraService::shutdown(ShutdownReason reason) {
   if (reason == ShutdownReason::kPipeWireLost) {
     writeLog("[pipewire] PipeWire went away: stopping");
   }
-  runLoopWake_.notify_all();
+  runLoopWake_.notifyAll();
 }
 
 int PipeWireCameraService::exitStatus() const {
-  const std::scoped_lock lock(runLoopMutex_);
+  const platform::Locker lock(runLoopMutex_);
   return shutdownReason_ == ShutdownReason::kPipeWireLost ? kExitPipeWireLost : 0;
 }
 
@@ -260,7 +262,7 @@ std::shared_ptr<platform::SettingsSuite> PipeWireCameraService::openSettingsSuit
     return nullptr;
   }
   const auto database = common::SqliteSettingsSuite::defaultDatabaseFile(*container);
-  const std::scoped_lock lock(suitesMutex_);
+  const platform::Locker lock(suitesMutex_);
   auto& suite = suites_[database];
   if (!suite) {
     suite = common::SqliteSettingsSuite::open(database);

@@ -124,20 +124,21 @@ class PipeWireCameraService final : public platform::Platform {
   std::string cameraName_ GUARDED_BY(cameraNameMutex_);
 
   // The streams that are nodes; written on the main thread during start-up, read by the loops.
-  std::mutex publishedMutex_;
-  std::vector<std::shared_ptr<PipeWireStream>> published_;  // by publishedMutex_
+  platform::Mutex publishedMutex_;
+  std::vector<std::shared_ptr<PipeWireStream>> published_ GUARDED_BY(publishedMutex_);
 
   std::shared_ptr<common::ThreadSerialQueue> platformQueue_;
   std::unique_ptr<common::WriteBehindFileManager> fileManager_;
   std::unique_ptr<platform::Clock> clock_;
 
-  std::mutex suitesMutex_;
-  std::map<std::filesystem::path, std::shared_ptr<common::SqliteSettingsSuite>> suites_;
+  platform::Mutex suitesMutex_;
+  std::map<std::filesystem::path, std::shared_ptr<common::SqliteSettingsSuite>> suites_
+      GUARDED_BY(suitesMutex_);
 
-  mutable std::mutex runLoopMutex_;
-  std::condition_variable runLoopWake_;
-  bool shutdownRequested_ = false;                              // guarded by runLoopMutex_
-  ShutdownReason shutdownReason_ = ShutdownReason::kRequested;  // guarded by runLoopMutex_
+  mutable platform::Mutex runLoopMutex_;
+  platform::ConditionVariable runLoopWake_;
+  bool shutdownRequested_ GUARDED_BY(runLoopMutex_) = false;
+  ShutdownReason shutdownReason_ GUARDED_BY(runLoopMutex_) = ShutdownReason::kRequested;
 };
 
 }  // namespace flowmere::pipewire

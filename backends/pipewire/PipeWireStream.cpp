@@ -46,7 +46,7 @@ PipeWireStream::PipeWireStream(PipeWireCameraService& service, std::shared_ptr<P
 PipeWireStream::~PipeWireStream() = default;
 
 std::vector<std::shared_ptr<const platform::Client>> PipeWireStream::streamingClients() const {
-  const std::scoped_lock lock(clientsMutex_);
+  const platform::Locker lock(clientsMutex_);
   return streamingClients_;
 }
 
@@ -357,7 +357,7 @@ void PipeWireStream::updateStreamingClients() {
     loop_->lock().assertHeld();
     clients = loop_->peers().peersOf(pw_stream_get_node_id(stream_));
   }
-  const std::scoped_lock lock(clientsMutex_);
+  const platform::Locker lock(clientsMutex_);
   streamingClients_ = std::move(clients);
 }
 

@@ -164,8 +164,8 @@ class PipeWireStream : public platform::Stream,
   bool waitingForPeer_ GUARDED_BY(loopLock_) = false;
   spa_source* peerTimer_ GUARDED_BY(loopLock_) = nullptr;
 
-  mutable std::mutex clientsMutex_;
-  std::vector<std::shared_ptr<const platform::Client>> streamingClients_;  // by clientsMutex_
+  mutable platform::Mutex clientsMutex_;
+  std::vector<std::shared_ptr<const platform::Client>> streamingClients_ GUARDED_BY(clientsMutex_);
 };
 
 }  // namespace flowmere::pipewire
