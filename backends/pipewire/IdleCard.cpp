@@ -51,7 +51,10 @@ void centredText(cairo_t* context, const std::string& text, double size, double 
   cairo_text_extents_t extents{};
   cairo_text_extents(context, text.c_str(), &extents);
   cairo_move_to(context, centreX - extents.width / 2 - extents.x_bearing, baseline);
-  cairo_show_text(context, text.c_str());
+  // As a path, not glyph images: Cairo keeps the glyph images of every size it drew for ever,
+  // and each format's card has its own size.
+  cairo_text_path(context, text.c_str());
+  cairo_fill(context);
 }
 
 // The drawn card: a panel with the title and the waiting line, and the bar's empty track.
@@ -160,6 +163,19 @@ void convertToP010(const std::uint8_t* argb, std::size_t argbStride, const Frame
 }
 
 }  // namespace
+
+void IdleCard::prepareText() {
+  Surface surface(cairo_image_surface_create(CAIRO_FORMAT_RGB24, 16, 16));
+  Context context(cairo_create(surface.get()));
+  for (const auto weight : {CAIRO_FONT_WEIGHT_BOLD, CAIRO_FONT_WEIGHT_NORMAL}) {
+    cairo_select_font_face(context.get(), "sans-serif", CAIRO_FONT_SLANT_NORMAL, weight);
+    cairo_set_font_size(context.get(), 12);
+    cairo_text_extents_t extents{};
+    cairo_text_extents(context.get(), "Flowmere", &extents);
+    cairo_move_to(context.get(), 0, 12);
+    cairo_show_text(context.get(), "Flowmere");
+  }
+}
 
 std::optional<IdleCard> IdleCard::draw(const FrameLayout& layout,
                                        std::optional<HdrTransfer> transfer,

@@ -35,6 +35,11 @@ class IdleCard {
   // How long the bar takes to cross once.
   static constexpr std::int64_t kBarPeriodNanoseconds = 2'000'000'000;
 
+  // Loads what drawing text needs (the font configuration and a font), so that the first card
+  // drawn later opens no file and a long-running process keeps the same ones open. Main thread,
+  // at start-up.
+  static void prepareText();
+
   // Draws the card for `layout` (BGRA, or P010 with `transfer`), titled `title`. With `picture`
   // set, that PNG is shown instead of the drawn card; when it cannot be read the card is drawn
   // and `problem` says why. Null when the layout is not BGRA or P010.

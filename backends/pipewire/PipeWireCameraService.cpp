@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "IdleCard.h"
 #include "PipeWireSinkStream.h"
 #include "PipeWireSourceStream.h"
 #include "common/LineLog.h"
@@ -61,6 +62,7 @@ PipeWireCameraService::~PipeWireCameraService() {
 }
 
 bool PipeWireCameraService::connect() {
+  IdleCard::prepareText();
   return sinkLoop_->start(options_.remoteName) && sourceLoop_->start(options_.remoteName);
 }
 

@@ -52,6 +52,7 @@ class PipeWireSinkStream final : public PipeWireStream {
   void streamingChanged(bool streaming) override REQUIRES(loopLock_);
   void nodeDestroying() override REQUIRES(loopLock_);
   void bufferAdded(const std::shared_ptr<BufferSlot>& slot) override REQUIRES(loopLock_);
+  void createTimers() override REQUIRES(loopLock_) { ensureTimers(); }
   void formatRefused(std::int64_t index, const std::string& message) override REQUIRES(loopLock_);
 
  private:

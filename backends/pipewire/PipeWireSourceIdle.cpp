@@ -11,6 +11,15 @@
 
 namespace flowmere::pipewire {
 
+void PipeWireSourceStream::createTimers() {
+  if (!tickTimer_) {
+    tickTimer_ = pw_loop_add_timer(loop_->loop(), &PipeWireSourceStream::onTick, this);
+  }
+  if (!offersTimer_) {
+    offersTimer_ = pw_loop_add_timer(loop_->loop(), &PipeWireSourceStream::onOffersTimer, this);
+  }
+}
+
 void PipeWireSourceStream::setTicking(bool on) {
   if (on == ticking_ || !stream_) {
     return;
@@ -31,6 +40,9 @@ void PipeWireSourceStream::setTicking(bool on) {
     pw_loop_update_timer(loop_->loop(), tickTimer_, nullptr, nullptr, false);
     guard_.reset();
     setShowingIdle(false, /*quietly=*/true);
+    // Nobody captures: the card's memory goes too (a 4K card is 33 MB); the next client that
+    // needs it has it drawn again, and copied into each buffer again under a new tag.
+    idleCard_.reset();
   }
 }
 

@@ -87,6 +87,7 @@ class PipeWireSourceStream final : public PipeWireStream {
   // A client's new buffers are faulted in by `populator_`, beside the relay.
   void bufferAdded(const std::shared_ptr<BufferSlot>& slot) override REQUIRES(loopLock_);
   void linksChanged() override REQUIRES(loopLock_);
+  void createTimers() override REQUIRES(loopLock_);
 
  private:
   // Loop thread: the offers are published `kOffersSettleNanoseconds` from now, with the active

@@ -137,6 +137,7 @@ bool PipeWireStream::connectNode(const std::map<std::string, std::string>& ident
   }();
   pw_stream_add_listener(stream_, &listener_, &events, this);
   peerTimer_ = pw_loop_add_timer(loop_->loop(), &PipeWireStream::onPeerTimeout, this);
+  createTimers();
 
   std::array<std::byte, kPodBufferSize> storage{};
   spa_pod_builder builder = SPA_POD_BUILDER_INIT(storage.data(), storage.size());

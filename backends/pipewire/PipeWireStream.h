@@ -100,6 +100,9 @@ class PipeWireStream : public platform::Stream,
   virtual void nodeDestroying() {}
   // PipeWire mapped a new buffer of the node (a link was set up).
   virtual void bufferAdded(const std::shared_ptr<BufferSlot>& /*slot*/) {}
+  // The node was created: its timers are made now, so that a long-running service holds the
+  // same descriptors from its start on.
+  virtual void createTimers() {}
   // The registry saw the node's links or their clients change.
   virtual void linksChanged() {}
 

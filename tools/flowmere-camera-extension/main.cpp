@@ -7,6 +7,7 @@
 // PipeWire goes away it stops the same way and exits with status 69, so that a service manager
 // starts it again with PipeWire.
 
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 
@@ -54,6 +55,10 @@ int main(int argc, char** /*argv*/) {
   sigaddset(&signals, SIGUSR1);  // main's wake-up for the signal thread at the end
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
+  // Blocks of 1 MiB and more (the idle picture's cards, Cairo's surfaces) are mapped on their
+  // own and go back to the system when freed. Left to itself glibc raises this threshold after
+  // the first such free, and later cards then stay in the heap after the last client left.
+  mallopt(M_MMAP_THRESHOLD, 1 << 20);
   flowmere::pipewire::PipeWireOptions options;
   options.idlePicture = idlePicturePath();
   auto service = flowmere::pipewire::PipeWireCameraService::create(std::move(options));
