@@ -58,7 +58,7 @@ int main(int argc, char** /*argv*/) {
   // Blocks of 1 MiB and more (the idle picture's cards, Cairo's surfaces) are mapped on their
   // own and go back to the system when freed. Left to itself glibc raises this threshold after
   // the first such free, and later cards then stay in the heap after the last client left.
-  mallopt(M_MMAP_THRESHOLD, 1 << 20);
+  mallopt(M_MMAP_THRESHOLD, 1 << 20);  // NOLINT(concurrency-mt-unsafe): before any thread
   flowmere::pipewire::PipeWireOptions options;
   options.idlePicture = idlePicturePath();
   auto service = flowmere::pipewire::PipeWireCameraService::create(std::move(options));
