@@ -218,10 +218,10 @@ void PipeWireCameraService::drainPlatformQueue() {
   std::condition_variable drained;
   bool done = false;
   platformQueue_->async([&] {
-    {
-      const std::scoped_lock lock(mutex);
-      done = true;
-    }
+    // Notified under the lock: the waiter cannot see `done`, return and destroy the condition
+    // variable (it lives on the waiter's stack) while the notification is still running.
+    const std::scoped_lock lock(mutex);
+    done = true;
     drained.notify_all();
   });
   std::unique_lock lock(mutex);
